@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs, with apt-get, whatever of the build and test dependencies this
+# Debian machine lacks. Sourced by scripts/demo and scripts/test.
+set -euo pipefail
+
+VEX_PACKAGES=(cmake g++ make pkg-config libfftw3-dev libsndfile1-dev libcli11-dev libboost-dev
+              libgtest-dev libgmock-dev libbenchmark-dev)
+
+vex_install_missing() {
+  local missing=()
+  for p in "${VEX_PACKAGES[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  done
+  if [ ${#missing[@]} -gt 0 ]; then
+    echo "installing: ${missing[*]}" >&2
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
+  fi
+}
+
+vex_install_missing
