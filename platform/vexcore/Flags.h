@@ -38,9 +38,18 @@ class Flags {
   constexpr bool Any() const noexcept { return bits_ != 0; }
   constexpr bool None() const noexcept { return bits_ == 0; }
 
-  constexpr Flags& operator|=(Flags o) noexcept { bits_ |= o.bits_; return *this; }
-  constexpr Flags& operator&=(Flags o) noexcept { bits_ &= o.bits_; return *this; }
-  constexpr Flags& operator^=(Flags o) noexcept { bits_ ^= o.bits_; return *this; }
+  constexpr Flags& operator|=(Flags o) noexcept {
+    bits_ |= o.bits_;
+    return *this;
+  }
+  constexpr Flags& operator&=(Flags o) noexcept {
+    bits_ &= o.bits_;
+    return *this;
+  }
+  constexpr Flags& operator^=(Flags o) noexcept {
+    bits_ ^= o.bits_;
+    return *this;
+  }
   friend constexpr Flags operator|(Flags a, Flags b) noexcept { return a |= b; }
   friend constexpr Flags operator&(Flags a, Flags b) noexcept { return a &= b; }
   friend constexpr Flags operator^(Flags a, Flags b) noexcept { return a ^= b; }

@@ -28,7 +28,8 @@ class VEX_API Localizer {
   /// blank lines and lines starting with '#' are skipped. The key is the text
   /// before the first '=' with surrounding blanks removed; lines with no '='
   /// or an empty key are skipped. Line ends may be "\n" or "\r\n"; a leading
-  /// byte-order mark is ignored. Returns the number of translations taken.
+  /// byte-order mark is ignored. A key given twice keeps its last text.
+  /// Returns the number of lines taken as translations.
   int LoadTranslations(const std::string& text);
   /// Forgets every loaded translation.
   void Clear();

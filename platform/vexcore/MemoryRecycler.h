@@ -9,8 +9,12 @@ namespace utility {
 
 /// Process-wide cache of freed memory blocks, kept by size class so that a
 /// buffer re-shaped to an equal size gets its old block back instead of a new
-/// heap allocation. Blocks are 64-byte aligned. Thread-safe (one mutex);
+/// heap allocation. Size classes are the powers of two from 64 bytes to 1 GiB;
+/// the size token is the class's byte count. Blocks are 64-byte aligned. Each
+/// class caches at most 16 blocks (and at most 64 MiB, but always one block);
+/// blocks recycled beyond that go back to the heap. Thread-safe (one mutex);
 /// Allocate may reach the heap, so it belongs in configuration code only.
+/// Recycle never allocates.
 class VEX_API MemoryRecycler {
  public:
   struct Stats {
@@ -20,10 +24,13 @@ class VEX_API MemoryRecycler {
     std::size_t cachedBytes;
   };
 
-  /// A block of at least `bytes` bytes (null for 0 bytes). `sizeToken`
-  /// receives the size class, to be given back to Recycle.
+  /// A block of at least `bytes` bytes, or null for 0 bytes, for requests
+  /// above 1 GiB and when the heap is exhausted (never throws for those).
+  /// `sizeToken` receives the size class, to be given back to Recycle (0 when
+  /// null is returned).
   static void* Allocate(std::size_t bytes, std::size_t& sizeToken);
-  /// Returns a block to the cache (null is ignored).
+  /// Returns a block obtained from Allocate with its token to the cache (null
+  /// is ignored; a token that names no class frees the block).
   static void Recycle(void* block, std::size_t sizeToken) noexcept;
   /// Frees every cached block.
   static void Purge() noexcept;
@@ -41,7 +48,9 @@ class VEX_API RecycledMemory {
   RecycledMemory(const RecycledMemory&) = delete;
   RecycledMemory& operator=(const RecycledMemory&) = delete;
 
-  /// Releases the current block and obtains one of at least `bytes` bytes.
+  /// Releases the current block and obtains one of at least `bytes` bytes;
+  /// returns it (null on refusal, leaving the object empty). The byte count
+  /// recorded is `bytes`, not the class size.
   void* Allocate(std::size_t bytes);
   /// Hands the block back to the recycler; afterwards Get() is null.
   void Release() noexcept;

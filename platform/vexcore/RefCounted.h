@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-
 #include <boost/intrusive_ptr.hpp>
 
 #include "vexcore/Export.h"

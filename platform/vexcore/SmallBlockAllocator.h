@@ -10,8 +10,12 @@ namespace vexcore {
 namespace utility {
 
 /// Pooled storage for small objects: requests up to kMaxPooledBytes come
-/// from per-size free lists carved out of 64 KiB chunks; larger ones go to the
-/// heap. Thread-safe. Chunks are kept for the life of the process.
+/// from per-size free lists (8-byte steps) carved out of 64 KiB chunks; larger
+/// ones go to operator new. Blocks are 8-byte aligned, 16-byte aligned when
+/// their size is a multiple of 16. Deallocate must get the byte count given to
+/// Allocate. Thread-safe (one mutex); Allocate may reach the heap and throws
+/// std::bad_alloc like operator new. Chunks are kept for the life of the
+/// process.
 class VEX_API SmallBlockPool {
  public:
   static constexpr std::size_t kMaxPooledBytes = 256;
@@ -34,9 +38,13 @@ class SmallBlockAllocator {
   void deallocate(T* p, std::size_t n) noexcept { SmallBlockPool::Deallocate(p, n * sizeof(T)); }
 
   template <typename U>
-  bool operator==(const SmallBlockAllocator<U>&) const noexcept { return true; }
+  bool operator==(const SmallBlockAllocator<U>&) const noexcept {
+    return true;
+  }
   template <typename U>
-  bool operator!=(const SmallBlockAllocator<U>&) const noexcept { return false; }
+  bool operator!=(const SmallBlockAllocator<U>&) const noexcept {
+    return false;
+  }
 };
 
 template <typename T>

@@ -43,7 +43,8 @@ class VEX_API AudioChannelDescription {
   int discreteIndex_ = 0;
 };
 
-using AudioChannelLayout = std::vector<AudioChannelDescription, vexcore::utility::SmallBlockAllocator<AudioChannelDescription>>;
+using AudioChannelLayout =
+    std::vector<AudioChannelDescription, vexcore::utility::SmallBlockAllocator<AudioChannelDescription>>;
 
 /// L R
 VEX_API AudioChannelLayout CreateStereoChannelLayout();

@@ -29,9 +29,9 @@ class AllocationCounter {
 }  // namespace vextest
 
 /// Runs `statement` and fails the test if it allocated on the heap.
-#define EXPECT_NO_ALLOCATION(statement)                                       \
-  do {                                                                        \
-    ::vextest::AllocationCounter vextestCounter_;                             \
-    statement;                                                                \
+#define EXPECT_NO_ALLOCATION(statement)                                          \
+  do {                                                                           \
+    ::vextest::AllocationCounter vextestCounter_;                                \
+    statement;                                                                   \
     EXPECT_EQ(vextestCounter_.Count(), 0u) << "heap allocation in: " #statement; \
   } while (0)

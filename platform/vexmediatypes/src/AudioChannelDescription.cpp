@@ -4,16 +4,26 @@ namespace vexmediatypes {
 
 const char* AudioChannelDescription::GetShortName() const {
   switch (label_) {
-    case AudioChannelLabel::kMono: return "M";
-    case AudioChannelLabel::kLeft: return "L";
-    case AudioChannelLabel::kRight: return "R";
-    case AudioChannelLabel::kCenter: return "C";
-    case AudioChannelLabel::kLFE: return "LFE";
-    case AudioChannelLabel::kLeftSurround: return "Ls";
-    case AudioChannelLabel::kRightSurround: return "Rs";
-    case AudioChannelLabel::kLeftBack: return "Lb";
-    case AudioChannelLabel::kRightBack: return "Rb";
-    case AudioChannelLabel::kDiscrete: break;
+    case AudioChannelLabel::kMono:
+      return "M";
+    case AudioChannelLabel::kLeft:
+      return "L";
+    case AudioChannelLabel::kRight:
+      return "R";
+    case AudioChannelLabel::kCenter:
+      return "C";
+    case AudioChannelLabel::kLFE:
+      return "LFE";
+    case AudioChannelLabel::kLeftSurround:
+      return "Ls";
+    case AudioChannelLabel::kRightSurround:
+      return "Rs";
+    case AudioChannelLabel::kLeftBack:
+      return "Lb";
+    case AudioChannelLabel::kRightBack:
+      return "Rb";
+    case AudioChannelLabel::kDiscrete:
+      break;
   }
   return "D";
 }
