@@ -8,6 +8,13 @@
 //
 // Init and Free allocate; everything else never allocates, locks or throws.
 // Every int-returning call gives 0 on success and non-zero on bad arguments.
+//
+// IIR filters run in transposed direct form II, per biquad section for
+// cascades; the delay line holds that form's state (s0 ... s_(order-1), or s1
+// s2 per section). Filtering runs with the CPU's flush-to-zero and
+// denormals-are-zero modes set (and the caller's mode restored on return), so
+// a decaying state reaches exactly 0 instead of lingering in the slow
+// subnormal range; single-sample and block calls give bit-identical results.
 namespace vexaccelerate {
 
 struct IIRState_Double;
@@ -25,6 +32,7 @@ VEX_API int IIRInit(IIRState_Double** state, const double* taps, int order, cons
 /// (2 * numBiquads values) may be null.
 VEX_API int IIRInit_BiQuad(IIRState_Double** state, const double* taps, int numBiquads, const double* delayLine);
 /// Replaces the taps (same layout and count as at init) and keeps the state.
+/// A set with some a0 == 0 is refused (non-zero) and the old taps stay.
 VEX_API int IIRSetTaps(IIRState_Double* state, const double* taps);
 /// Sets the delay line (null clears it: back at rest).
 VEX_API int IIRSetDlyLine(IIRState_Double* state, const double* delayLine);
@@ -39,8 +47,9 @@ VEX_API int IIR(std::size_t n, const double* in, double* out, IIRState_Double* s
 VEX_API void IIRFree(IIRState_Double* state);
 
 /// Single-rate FIR with a delay line that persists across calls, so blocks of
-/// any split give the same output as one long block. `taps` (numTaps values)
-/// in time order h[0] ... h[numTaps - 1].
+/// any split give the same output as one long block (bit-identical). `taps`
+/// (numTaps values) in time order h[0] ... h[numTaps - 1]. Float arithmetic;
+/// cost is numTaps multiply-adds per sample, 8 outputs at a time on AVX2.
 VEX_API int FIRInit(FIRState_Float** state, const float* taps, int numTaps);
 VEX_API int FIRSetTaps(FIRState_Float* state, const float* taps);
 /// Clears the delay line.
@@ -53,7 +62,10 @@ enum WindowType { kWindowRectangular, kWindowHann, kWindowHamming, kWindowBlackm
 
 /// Windowed-sinc low-pass design, a pure function: numTaps values into
 /// `taps`, cut-off `cutoff` as a fraction of the sample rate (0 < cutoff <
-/// 0.5), unity gain at DC. `param` is the Kaiser beta or the Blackman alpha.
+/// 0.5), unity gain at DC (the taps sum to 1), symmetric (linear phase,
+/// delay (numTaps - 1) / 2 samples). `param` is the Kaiser beta (>= 0) or the
+/// Blackman alpha, where 0 (the default) selects the classic 0.16; other
+/// windows ignore it. Windows as in vexaccelerate::utility.
 /// Returns non-zero for bad arguments (nothing written).
 VEX_API int DesignLowpassSinc(double* taps, int numTaps, double cutoff, WindowType window, double param = 0.0);
 VEX_API int DesignLowpassSinc(float* taps, int numTaps, double cutoff, WindowType window, double param = 0.0);

@@ -22,7 +22,13 @@
 // Scaling (chosen at FFTInit): by default the forward transform is unscaled
 // and the inverse divides by N, so Inv(Fwd(x)) == x.
 // In place (in == out) is allowed; for real states the buffer needs N + 2 values.
-// `work` is an optional scratch buffer of FFTGetBufSize bytes; it may be null.
+// `work` is an optional scratch buffer of FFTGetBufSize bytes, of any
+// alignment; it may be null (the state's own scratch is used). Passing one
+// lets threads share a state, each with its own work buffer.
+//
+// Built on FFTW 3 with FFTW_ESTIMATE plans (deterministic, planned in about
+// a millisecond). Buffers at FFTW's SIMD alignment (16 bytes in the usual
+// builds) are transformed directly; others are copied through the scratch.
 namespace vexaccelerate {
 
 struct FFTState_Float;          ///< real, float
@@ -33,10 +39,10 @@ struct FFTState_ComplexDouble;  ///< complex, double
 namespace transform {
 
 enum FFTScaling {
-  kFFTDivInvByN = 0,  ///< forward unscaled, inverse / N (default)
-  kFFTDivFwdByN = 1,  ///< forward / N, inverse unscaled
-  kFFTDivBySqrtN = 2, ///< both / sqrt(N)
-  kFFTNoDivByAny = 3  ///< neither scaled
+  kFFTDivInvByN = 0,   ///< forward unscaled, inverse / N (default)
+  kFFTDivFwdByN = 1,   ///< forward / N, inverse unscaled
+  kFFTDivBySqrtN = 2,  ///< both / sqrt(N)
+  kFFTNoDivByAny = 3   ///< neither scaled
 };
 
 VEX_API int FFTInit(FFTState_Float** state, int order, FFTScaling scaling = kFFTDivInvByN);

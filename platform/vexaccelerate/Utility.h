@@ -10,6 +10,12 @@
 // be unaligned; unless said otherwise source and destination must not overlap
 // partially (identical pointers are fine for the element-wise operations).
 // None of these allocate, lock or throw. A count of 0 does nothing.
+//
+// The arithmetic kernels are built for AVX2 and for baseline SSE2 and the
+// loader picks one per machine; results are identical either way (no fused
+// multiply-add). Element-wise results are exactly those of the scalar
+// expression; Dot and Sum keep several partial sums, so their rounding
+// differs from a left-to-right loop by a few ulps of double.
 namespace vexaccelerate {
 namespace utility {
 
@@ -57,8 +63,8 @@ VEX_API void Convert(std::size_t n, const float* src, double* dst) noexcept;
 VEX_API void Convert(std::size_t n, const double* src, float* dst) noexcept;
 /// int16 to float scales by 2^-15.
 VEX_API void Convert(std::size_t n, const std::int16_t* src, float* dst) noexcept;
-/// float to int16 scales by 2^15, rounds to nearest and saturates to
-/// [-32768, 32767]; NaN becomes 0.
+/// float to int16 scales by 2^15, rounds to nearest (ties to even) and
+/// saturates to [-32768, 32767]; NaN becomes 0.
 VEX_API void Convert(std::size_t n, const float* src, std::int16_t* dst) noexcept;
 
 /// dst[i * channels + c] = src[c][i] for i < n.
@@ -77,7 +83,8 @@ VEX_API void WindowBlackman(std::size_t n, float* w, double alpha) noexcept;
 VEX_API void WindowBlackman(std::size_t n, double* w, double alpha) noexcept;
 VEX_API void WindowBartlett(std::size_t n, float* w) noexcept;
 VEX_API void WindowBartlett(std::size_t n, double* w) noexcept;
-/// Kaiser: I0(beta sqrt(1 - (2i/(n-1) - 1)^2)) / I0(beta).
+/// Kaiser: I0(beta sqrt(1 - (2i/(n-1) - 1)^2)) / I0(beta), beta >= 0; I0 is
+/// summed from its power series to full double precision.
 VEX_API void WindowKaiser(std::size_t n, float* w, double beta) noexcept;
 VEX_API void WindowKaiser(std::size_t n, double* w, double beta) noexcept;
 
