@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "vexaudiodsp/buffering/AudioBuffer.h"
 
 namespace {
@@ -19,9 +20,7 @@ void Fill(dsp::AudioBuffer& b, float base) {
 }
 
 void SetCounters(benchmark::State& state) {
-  state.counters["ns_per_sample"] =
-      benchmark::Counter(static_cast<double>(kChannels) * kBlock,
-                         benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  vexbench::ReportNsPerSample(state, static_cast<double>(kChannels) * kBlock);
 }
 
 void BM_AudioBufferCopyFrom(benchmark::State& state) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "vexaccelerate/Utility.h"
 #include "vexaudiodsp/buffering/DSPProcessChain.h"
 
@@ -35,9 +36,7 @@ struct Planar {
 };
 
 void SetCounter(benchmark::State& state) {
-  state.counters["ns_per_sample"] =
-      benchmark::Counter(static_cast<double>(kBlock) * kChannels,
-                         benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  vexbench::ReportNsPerSample(state, static_cast<double>(kBlock) * kChannels);
 }
 
 void BM_ChainOfThreeGains(benchmark::State& state) {

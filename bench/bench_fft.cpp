@@ -5,6 +5,7 @@
 
 #include <cmath>
 
+#include "BenchSupport.h"
 #include "vexaccelerate/Transform.h"
 #include "vexaccelerate/Utility.h"
 
@@ -13,10 +14,7 @@ using namespace vexaccelerate::transform;
 
 namespace {
 
-void Report(benchmark::State& state, std::size_t n) {
-  state.counters["per_sample"] = benchmark::Counter(
-      static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-}
+void Report(benchmark::State& state, std::size_t n) { vexbench::ReportNsPerSample(state, static_cast<double>(n)); }
 
 template <typename T>
 T* Allocate(std::size_t n);

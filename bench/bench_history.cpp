@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "vexaudiodsp/buffering/DataTail.h"
 #include "vexaudiodsp/buffering/DelayLine.h"
 #include "vexaudiodsp/buffering/RingBuffer.h"
@@ -19,9 +20,7 @@ constexpr float kRate = 48000.0f;
 constexpr float kMaxMs = 10.0f;
 
 void SetCounters(benchmark::State& state) {
-  state.counters["ns_per_sample"] =
-      benchmark::Counter(static_cast<double>(kChannels) * kBlock,
-                         benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  vexbench::ReportNsPerSample(state, static_cast<double>(kChannels) * kBlock);
 }
 
 std::vector<std::vector<float>> Signal() {

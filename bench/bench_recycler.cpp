@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <new>
 
+#include "BenchSupport.h"
 #include "vexcore/MemoryRecycler.h"
 #include "vexcore/SmallBlockAllocator.h"
 
@@ -18,9 +19,7 @@ constexpr std::size_t kChannels = 2;
 constexpr std::size_t kBytes = kBlock * kChannels * sizeof(float);
 
 void SetCounters(benchmark::State& state) {
-  state.counters["ns_per_sample"] =
-      benchmark::Counter(static_cast<double>(kBlock * kChannels),
-                         benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  vexbench::ReportNsPerSample(state, static_cast<double>(kBlock * kChannels));
 }
 
 void BM_RecyclerReuse(benchmark::State& state) {

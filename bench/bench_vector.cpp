@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "vexaccelerate/Utility.h"
 
 namespace u = vexaccelerate::utility;
@@ -55,10 +56,7 @@ struct Data {
   std::vector<std::int16_t> pcm;
 };
 
-void Report(benchmark::State& state) {
-  state.counters["per_sample"] = benchmark::Counter(
-      static_cast<double>(kBlock), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-}
+void Report(benchmark::State& state) { vexbench::ReportNsPerSample(state, static_cast<double>(kBlock)); }
 
 void BM_AddInPlace_Vex(benchmark::State& state) {
   Data x;

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 VEX_PACKAGES=(cmake g++ make pkg-config libfftw3-dev libsndfile1-dev libcli11-dev libboost-dev
-              libgtest-dev libgmock-dev libbenchmark-dev)
+              libgtest-dev libgmock-dev libbenchmark-dev clang-format)
 
 vex_install_missing() {
   local missing=()

@@ -31,7 +31,7 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", std::string(VEXDSP_VERSION));
   app.footer(
       "Run 'vexdsp COMMAND --help' for a command's options. Exit status: 0 on success, 1 on a failed run, 2 on "
-      "bad usage.");
+      "bad usage.\n");
 
   auto* info = app.add_subcommand("info", "Show a sound file's format, length, sample peak and RMS per channel.");
   std::string infoPath;
