@@ -4,12 +4,12 @@
 
 namespace vexbench {
 
-/// Reports "ns_per_sample": CPU nanoseconds per processed sample (per channel
-/// when `samplesPerIteration` counts every channel's samples). The 1e-9 scale
-/// makes the inverted rate come out in nanoseconds rather than seconds.
-inline void ReportNsPerSample(benchmark::State& state, double samplesPerIteration) {
-  state.counters["ns_per_sample"] = benchmark::Counter(
-      samplesPerIteration * 1e-9, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+/// Reports "per_sample": CPU time per processed sample (per channel when
+/// `samplesPerIteration` counts every channel's samples), printed with its SI
+/// prefix, e.g. "480p" is 0.48 ns per sample; JSON output holds seconds.
+inline void ReportTimePerSample(benchmark::State& state, double samplesPerIteration) {
+  state.counters["per_sample"] = benchmark::Counter(
+      samplesPerIteration, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 }  // namespace vexbench

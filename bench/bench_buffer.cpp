@@ -20,7 +20,7 @@ void Fill(dsp::AudioBuffer& b, float base) {
 }
 
 void SetCounters(benchmark::State& state) {
-  vexbench::ReportNsPerSample(state, static_cast<double>(kChannels) * kBlock);
+  vexbench::ReportTimePerSample(state, static_cast<double>(kChannels) * kBlock);
 }
 
 void BM_AudioBufferCopyFrom(benchmark::State& state) {

@@ -36,7 +36,7 @@ struct Planar {
 };
 
 void SetCounter(benchmark::State& state) {
-  vexbench::ReportNsPerSample(state, static_cast<double>(kBlock) * kChannels);
+  vexbench::ReportTimePerSample(state, static_cast<double>(kBlock) * kChannels);
 }
 
 void BM_ChainOfThreeGains(benchmark::State& state) {

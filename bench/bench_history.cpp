@@ -20,7 +20,7 @@ constexpr float kRate = 48000.0f;
 constexpr float kMaxMs = 10.0f;
 
 void SetCounters(benchmark::State& state) {
-  vexbench::ReportNsPerSample(state, static_cast<double>(kChannels) * kBlock);
+  vexbench::ReportTimePerSample(state, static_cast<double>(kChannels) * kBlock);
 }
 
 std::vector<std::vector<float>> Signal() {

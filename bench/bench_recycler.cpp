@@ -19,7 +19,7 @@ constexpr std::size_t kChannels = 2;
 constexpr std::size_t kBytes = kBlock * kChannels * sizeof(float);
 
 void SetCounters(benchmark::State& state) {
-  vexbench::ReportNsPerSample(state, static_cast<double>(kBlock * kChannels));
+  vexbench::ReportTimePerSample(state, static_cast<double>(kBlock * kChannels));
 }
 
 void BM_RecyclerReuse(benchmark::State& state) {

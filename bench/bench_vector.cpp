@@ -56,7 +56,7 @@ struct Data {
   std::vector<std::int16_t> pcm;
 };
 
-void Report(benchmark::State& state) { vexbench::ReportNsPerSample(state, static_cast<double>(kBlock)); }
+void Report(benchmark::State& state) { vexbench::ReportTimePerSample(state, static_cast<double>(kBlock)); }
 
 void BM_AddInPlace_Vex(benchmark::State& state) {
   Data x;
