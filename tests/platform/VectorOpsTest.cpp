@@ -87,54 +87,36 @@ TEST(VectorOps, ElementWiseMatchScalarReference) {
   }
 }
 
+// Identical source and destination pointers are allowed.
 TEST(VectorOps, DestinationMayBeASource) {
   const std::size_t n = 1001;
-  const std::vector<float> a = vextest::Noise(n, 3);
-  const std::vector<float> b = vextest::Noise(n, 4);
-  std::vector<float> x = a;
-  u::Add(n, x.data(), b.data(), x.data());
-  for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(x[i], a[i] + b[i]);
-  x = a;
-  u::Add(n, b.data(), x.data(), x.data());
-  for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(x[i], a[i] + b[i]);
-  x = a;
-  u::Add(n, x.data(), x.data(), x.data());
-  for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(x[i], a[i] + a[i]);
-  x = a;
-  u::Add_InPlace(n, x.data(), x.data());
-  for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(x[i], a[i] + a[i]);
-  x = a;
-  u::Mul(n, x.data(), x.data(), x.data());
-  for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(x[i], a[i] * a[i]);
-  x = a;
-  u::Mul(n, b.data(), x.data(), x.data());
-  for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(x[i], a[i] * b[i]);
-  x = a;
-  u::MulConstant(n, x.data(), x.data(), 3.0f);
-  for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(x[i], a[i] * 3.0f);
-  x = a;
-  u::Copy(n, x.data(), x.data());
-  EXPECT_EQ(x, a);
+  const std::vector<float> a = vextest::Noise(n, 3), b = vextest::Noise(n, 4);
+  std::vector<float> sum = a, twice = a, prod = a, square = a, scaled = a, copy = a;
+  u::Add(n, b.data(), sum.data(), sum.data());
+  u::Add_InPlace(n, twice.data(), twice.data());
+  u::Mul(n, prod.data(), b.data(), prod.data());
+  u::Mul(n, square.data(), square.data(), square.data());
+  u::MulConstant(n, scaled.data(), scaled.data(), 3.0f);
+  u::Copy(n, copy.data(), copy.data());
+  for (std::size_t i = 0; i < n; ++i) {
+    ASSERT_EQ(sum[i], a[i] + b[i]) << i;
+    ASSERT_EQ(twice[i], a[i] + a[i]) << i;
+    ASSERT_EQ(prod[i], a[i] * b[i]) << i;
+    ASSERT_EQ(square[i], a[i] * a[i]) << i;
+    ASSERT_EQ(scaled[i], a[i] * 3.0f) << i;
+    ASSERT_EQ(copy[i], a[i]) << i;
+  }
 }
 
-TEST(VectorOps, MoveHandlesOverlapInBothDirections) {
-  for (std::size_t shift : {1u, 5u, 40u}) {
-    std::vector<float> x(300);
-    for (std::size_t i = 0; i < x.size(); ++i) x[i] = static_cast<float>(i);
-    u::Move(200, x.data(), x.data() + shift);  // forward: destination above source
-    for (std::size_t i = 0; i < 200; ++i) ASSERT_EQ(x[i + shift], static_cast<float>(i));
-    for (std::size_t i = 0; i < x.size(); ++i) x[i] = static_cast<float>(i);
-    u::Move(200, x.data() + shift, x.data());  // backward
-    for (std::size_t i = 0; i < 200; ++i) ASSERT_EQ(x[i], static_cast<float>(i + shift));
-
-    std::vector<double> d(300);
-    for (std::size_t i = 0; i < d.size(); ++i) d[i] = static_cast<double>(i);
-    u::Move(200, d.data(), d.data() + shift);
-    for (std::size_t i = 0; i < 200; ++i) ASSERT_EQ(d[i + shift], static_cast<double>(i));
-    for (std::size_t i = 0; i < d.size(); ++i) d[i] = static_cast<double>(i);
-    u::Move(200, d.data() + shift, d.data());
-    for (std::size_t i = 0; i < 200; ++i) ASSERT_EQ(d[i], static_cast<double>(i + shift));
-  }
+template <typename T>
+void CheckMove(std::size_t shift) {
+  std::vector<T> x(300);
+  for (std::size_t i = 0; i < x.size(); ++i) x[i] = static_cast<T>(i);
+  u::Move(200, x.data(), x.data() + shift);  // destination above source
+  for (std::size_t i = 0; i < 200; ++i) ASSERT_EQ(x[i + shift], static_cast<T>(i));
+  for (std::size_t i = 0; i < x.size(); ++i) x[i] = static_cast<T>(i);
+  u::Move(200, x.data() + shift, x.data());  // destination below source
+  for (std::size_t i = 0; i < 200; ++i) ASSERT_EQ(x[i], static_cast<T>(i + shift));
 }
 
 template <typename T>
@@ -147,7 +129,7 @@ void CheckReductions(std::size_t n, std::size_t off) {
     sum += o.A()[i];
     dotMag += std::fabs(static_cast<long double>(o.A()[i]) * o.B()[i]);
     sumMag += std::fabs(static_cast<long double>(o.A()[i]));
-    if (o.A()[i] > mx) mx = o.A()[i];
+    mx = std::max(mx, o.A()[i]);
   }
   // Double accumulation: error within n * eps(double) * sum of magnitudes.
   const double scale = 1e-15 * static_cast<double>(n + 1);
@@ -156,7 +138,12 @@ void CheckReductions(std::size_t n, std::size_t off) {
   EXPECT_EQ(u::Max(n, o.A()), mx);
 }
 
-TEST(VectorOps, ReductionsMatchLongDoubleReference) {
+TEST(VectorOps, MoveAndReductionsMatchReferences) {
+  for (std::size_t shift : {1u, 5u, 40u}) {
+    SCOPED_TRACE(testing::Message() << "move shift " << shift);
+    CheckMove<float>(shift);
+    CheckMove<double>(shift);
+  }
   for (std::size_t n : kLengths) {
     for (std::size_t off : kOffsets) {
       SCOPED_TRACE(testing::Message() << "n " << n << " offset " << off);
@@ -164,37 +151,28 @@ TEST(VectorOps, ReductionsMatchLongDoubleReference) {
       CheckReductions<double>(n, off);
     }
   }
-}
-
-TEST(VectorOps, FloatDotKeepsDoublePrecision) {
   // After 1e8 the 2^-23 part of every term is lost in a float sum; in double
   // every partial sum here is exact.
-  std::vector<float> a(1000, 1.0f + 1.0f / 16777216.0f * 2.0f);
-  std::vector<float> ones(1000, 1.0f);
+  std::vector<float> a(1000, 1.0f + 2.0f / 16777216.0f), ones(1000, 1.0f);
   a[0] = 1.0e8f;
-  const long double expect = 1.0e8L + 999.0L * (1.0L + 2.0L / 16777216.0L);
-  EXPECT_DOUBLE_EQ(u::Dot(a.size(), a.data(), ones.data()), static_cast<double>(expect));
-  EXPECT_DOUBLE_EQ(u::Sum(a.size(), a.data()), static_cast<double>(expect));
+  const double expect = static_cast<double>(1.0e8L + 999.0L * (1.0L + 2.0L / 16777216.0L));
+  EXPECT_DOUBLE_EQ(u::Dot(a.size(), a.data(), ones.data()), expect);
+  EXPECT_DOUBLE_EQ(u::Sum(a.size(), a.data()), expect);
 }
 
 TEST(VectorOps, MaxSkipsNaNAndHandlesEmpty) {
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const float inf = std::numeric_limits<float>::infinity();
   EXPECT_EQ(u::Max(0, static_cast<const float*>(nullptr)), -inf);
-  EXPECT_EQ(u::Max(0, static_cast<const double*>(nullptr)), -static_cast<double>(inf));
   for (std::size_t n : {1u, 7u, 33u, 100u}) {
     std::vector<float> x(n, nan);
     EXPECT_EQ(u::Max(n, x.data()), -inf) << "all NaN, n " << n;
     for (std::size_t i = 0; i < n; ++i) x[i] = -static_cast<float>(i) - 3.0f;
     for (std::size_t i = 0; i < n; i += 2) x[i] = nan;  // NaN first and scattered
     const float expect = n > 1 ? -4.0f : -inf;
-    EXPECT_EQ(u::Max(n, x.data()), expect) << "n " << n;
     std::vector<double> d(x.begin(), x.end());
+    EXPECT_EQ(u::Max(n, x.data()), expect) << "n " << n;
     EXPECT_EQ(u::Max(n, d.data()), static_cast<double>(expect)) << "n " << n;
-    x[n - 1] = 5.0f;
-    d[n - 1] = 5.0;
-    EXPECT_EQ(u::Max(n, x.data()), 5.0f);
-    EXPECT_EQ(u::Max(n, d.data()), 5.0);
   }
 }
 
@@ -202,11 +180,10 @@ TEST(VectorOps, PrecisionConversions) {
   for (std::size_t n : kLengths) {
     const std::vector<float> f = NoiseOf<float>(n + 1, 13);
     const std::vector<double> d = NoiseOf<double>(n + 1, 14);
-    std::vector<double> wide(n + 2);
+    std::vector<double> wide(n + 2), third(n + 1, 1.0 / 3.0);
     std::vector<float> narrow(n + 2);
     u::Convert(n, f.data() + 1, wide.data() + 1);
     for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(wide[i + 1], static_cast<double>(f[i + 1]));
-    std::vector<double> third(n + 1, 1.0 / 3.0);
     u::Convert(n, third.data() + 1, narrow.data());
     for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(narrow[i], 0.333333343f);  // rounded to nearest
     u::Convert(n, d.data(), narrow.data() + 1);
@@ -215,55 +192,31 @@ TEST(VectorOps, PrecisionConversions) {
 }
 
 TEST(VectorOps, Int16ConversionScalesRoundsAndSaturates) {
-  std::vector<std::int16_t> all(65536);
+  std::vector<std::int16_t> all(65536), back(65536);
   for (int i = 0; i < 65536; ++i) all[i] = static_cast<std::int16_t>(i - 32768);
   std::vector<float> f(all.size());
   u::Convert(all.size(), all.data(), f.data());
   for (std::size_t i = 0; i < all.size(); ++i) ASSERT_EQ(f[i], static_cast<float>(all[i]) / 32768.0f);
-  // Every int16 survives the round trip.
-  std::vector<std::int16_t> back(all.size());
   u::Convert(f.size(), f.data(), back.data());
-  EXPECT_EQ(back, all);
+  EXPECT_EQ(back, all);  // every int16 survives the round trip
 
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const float inf = std::numeric_limits<float>::infinity();
   const float s = 1.0f / 32768.0f;
-  struct Case {
-    float in;
-    std::int16_t out;
-  };
-  const Case cases[] = {{0.0f, 0},
-                        {1.4f * s, 1},
-                        {1.6f * s, 2},
-                        {-1.4f * s, -1},
-                        {-1.6f * s, -2},
-                        {2.5f * s, 2},
-                        {3.5f * s, 4},
-                        {-2.5f * s, -2},
-                        {1.0f, 32767},
-                        {-1.0f, -32768},
-                        {32766.6f * s, 32767},
-                        {-32767.6f * s, -32768},
-                        {2.0f, 32767},
-                        {-2.0f, -32768},
-                        {1.0e30f, 32767},
-                        {-1.0e30f, -32768},
-                        {inf, 32767},
-                        {-inf, -32768},
-                        {nan, 0},
-                        {-nan, 0},
-                        {1.0e-40f, 0},
-                        {0.99999f, 32767},
-                        {-0.99999f, -32768}};
-  // Run them inside a longer array so the vector path, not only the tail,
-  // sees every case.
+  // Rounding to nearest with ties to even, then saturation, NaN, tiny values.
+  const float cases[] = {0.0f, 1.4f * s, 1.6f * s, -1.4f * s, -1.6f * s, 2.5f * s,     3.5f * s,     -2.5f * s,  //
+                         1.0f, -1.0f,    2.0f,     -2.0f,     1.0e30f,   -1.0e30f,     inf,          -inf,       //
+                         nan,  -nan,     1.0e-40f, 0.99999f,  -0.99999f, 32766.6f * s, -32767.6f * s};
+  const std::int16_t expected[] = {0,     1,      2,     -1,     -2,     2,      4,     -2,      //
+                                   32767, -32768, 32767, -32768, 32767,  -32768, 32767, -32768,  //
+                                   0,     0,      0,     32767,  -32768, 32767,  -32768};
+  static_assert(sizeof(cases) / sizeof(float) == sizeof(expected) / sizeof(std::int16_t), "one result per case");
+  // Repeated so the vector path, not only the tail, sees every case.
   std::vector<float> in;
   std::vector<std::int16_t> expect;
   for (int rep = 0; rep < 3; ++rep) {
-    for (const Case& c : cases) {
-      in.push_back(c.in);
-      expect.push_back(c.out);
-    }
+    in.insert(in.end(), std::begin(cases), std::end(cases));
+    expect.insert(expect.end(), std::begin(expected), std::end(expected));
   }
   std::vector<std::int16_t> out(in.size());
   u::Convert(in.size(), in.data(), out.data());
@@ -271,44 +224,49 @@ TEST(VectorOps, Int16ConversionScalesRoundsAndSaturates) {
 }
 
 TEST(VectorOps, InterleaveRoundTrip) {
+  const std::size_t n = 37;
   for (std::size_t channels : {1u, 2u, 3u, 6u}) {
-    const std::size_t n = 37;
-    vextest::PlanarBlock planar(channels, n);
+    vextest::PlanarBlock planar(channels, n), back(channels, n);
     for (std::size_t c = 0; c < channels; ++c) {
       const std::vector<float> noise = vextest::Noise(n, static_cast<std::uint32_t>(c + 1));
-      std::copy(noise.begin(), noise.end(), planar.Channel(c).begin());
+      std::copy(noise.begin(), noise.end(), planar.Channel(c).begin());  // keeps the pointer table valid
     }
     std::vector<float> inter(channels * n, 0.0f);
     u::Interleave(planar.Pointers(), channels, n, inter.data());
     for (std::size_t i = 0; i < n; ++i) {
       for (std::size_t c = 0; c < channels; ++c) ASSERT_EQ(inter[i * channels + c], planar.Channel(c)[i]);
     }
-    vextest::PlanarBlock back(channels, n);
     u::Deinterleave(inter.data(), channels, n, back.Pointers());
     for (std::size_t c = 0; c < channels; ++c) EXPECT_EQ(back.Channel(c), planar.Channel(c)) << channels;
   }
 }
 
 TEST(VectorOps, WindowsMatchClosedForms) {
-  double w4[4], w5[5];
-  u::WindowHann(4, w4);
-  EXPECT_NEAR(w4[0], 0.0, 1e-15);
-  EXPECT_NEAR(w4[1], 0.75, 1e-15);
-  EXPECT_NEAR(w4[2], 0.75, 1e-15);
-  EXPECT_NEAR(w4[3], 0.0, 1e-15);
-  u::WindowHann(5, w5);
-  const double hann5[] = {0.0, 0.5, 1.0, 0.5, 0.0};
-  for (int i = 0; i < 5; ++i) EXPECT_NEAR(w5[i], hann5[i], 1e-15);
-  u::WindowHamming(5, w5);
-  const double hamming5[] = {0.08, 0.54, 1.0, 0.54, 0.08};
-  for (int i = 0; i < 5; ++i) EXPECT_NEAR(w5[i], hamming5[i], 1e-15);
-  u::WindowBlackman(5, w5, 0.16);
-  const double blackman5[] = {0.0, 0.34, 1.0, 0.34, 0.0};
-  for (int i = 0; i < 5; ++i) EXPECT_NEAR(w5[i], blackman5[i], 1e-15);
-  u::WindowBartlett(4, w4);
-  const double bartlett4[] = {0.0, 2.0 / 3.0, 2.0 / 3.0, 0.0};
-  for (int i = 0; i < 4; ++i) EXPECT_NEAR(w4[i], bartlett4[i], 1e-15);
-
+  const double pi = 3.141592653589793;
+  for (std::size_t n : {std::size_t(4), std::size_t(5), std::size_t(64)}) {
+    SCOPED_TRACE(testing::Message() << "n " << n);
+    std::vector<double> hann(n), hamming(n), blackman(n), blackman2(n), bartlett(n);
+    std::vector<float> hannF(n), blackmanF(n);
+    u::WindowHann(n, hann.data());
+    u::WindowHamming(n, hamming.data());
+    u::WindowBlackman(n, blackman.data(), 0.16);
+    u::WindowBlackman(n, blackman2.data(), 0.2);
+    u::WindowBartlett(n, bartlett.data());
+    u::WindowHann(n, hannF.data());
+    u::WindowBlackman(n, blackmanF.data(), 0.2);
+    for (std::size_t i = 0; i < n; ++i) {
+      const double x = static_cast<double>(i) / static_cast<double>(n - 1);
+      const double c1 = std::cos(2 * pi * x), c2 = std::cos(4 * pi * x);
+      EXPECT_NEAR(hann[i], 0.5 - 0.5 * c1, 1e-15);
+      EXPECT_NEAR(hamming[i], 0.54 - 0.46 * c1, 1e-15);
+      EXPECT_NEAR(blackman[i], 0.42 - 0.5 * c1 + 0.08 * c2, 1e-15);
+      EXPECT_NEAR(blackman2[i], 0.4 - 0.5 * c1 + 0.1 * c2, 1e-15);
+      EXPECT_NEAR(bartlett[i], 1.0 - std::fabs(2.0 * x - 1.0), 1e-15);
+      EXPECT_NEAR(hannF[i], 0.5 - 0.5 * c1, 1e-7);
+      EXPECT_NEAR(blackmanF[i], 0.4 - 0.5 * c1 + 0.1 * c2, 1e-7);
+      EXPECT_EQ(hann[i], hann[n - 1 - i]);
+    }
+  }
   for (double beta : {0.0, 2.5, 8.0, 14.0}) {
     const std::size_t n = 31;
     std::vector<double> w(n);
@@ -322,58 +280,29 @@ TEST(VectorOps, WindowsMatchClosedForms) {
       EXPECT_NEAR(wf[i], expect, 1e-7) << "beta " << beta << " i " << i;
     }
   }
-  // General Blackman alpha and the float forms against the formulas.
-  const std::size_t n = 64;
-  std::vector<float> hann(n), hamming(n), blackman(n), bartlett(n);
-  u::WindowHann(n, hann.data());
-  u::WindowHamming(n, hamming.data());
-  u::WindowBlackman(n, blackman.data(), 0.2);
-  u::WindowBartlett(n, bartlett.data());
-  const double pi = 3.141592653589793;
-  for (std::size_t i = 0; i < n; ++i) {
-    const double x = static_cast<double>(i) / (n - 1);
-    EXPECT_NEAR(hann[i], 0.5 - 0.5 * std::cos(2 * pi * x), 1e-7);
-    EXPECT_NEAR(hamming[i], 0.54 - 0.46 * std::cos(2 * pi * x), 1e-7);
-    EXPECT_NEAR(blackman[i], 0.4 - 0.5 * std::cos(2 * pi * x) + 0.1 * std::cos(4 * pi * x), 1e-7);
-    EXPECT_NEAR(bartlett[i], 1.0 - std::fabs(2.0 * x - 1.0), 1e-7);
-    EXPECT_EQ(hann[i], hann[n - 1 - i]);
-  }
-}
-
-TEST(VectorOps, WindowsOfLengthOneAndZero) {
+  // Length 1 gives 1.0; length 0 writes nothing.
   float one = -1.0f;
   double oned = -1.0;
-  u::WindowHann(1, &one);
-  EXPECT_EQ(one, 1.0f);
-  one = -1.0f;
   u::WindowKaiser(1, &one, 5.0);
-  EXPECT_EQ(one, 1.0f);
   u::WindowBlackman(1, &oned, 0.16);
+  EXPECT_EQ(one, 1.0f);
   EXPECT_EQ(oned, 1.0);
-  oned = -1.0;
-  u::WindowBartlett(1, &oned);
-  EXPECT_EQ(oned, 1.0);
-  oned = -1.0;
   u::WindowHamming(0, &oned);
-  EXPECT_EQ(oned, -1.0);
+  EXPECT_EQ(oned, 1.0);
 }
 
 TEST(VectorOps, AlignedAllocation) {
-  for (std::size_t n : {1u, 3u, 1000u}) {
-    float* f = u::Malloc_Float(n);
-    double* d = u::Malloc_Double(n);
-    ASSERT_NE(f, nullptr);
-    ASSERT_NE(d, nullptr);
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(f) % 64, 0u);
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(d) % 64, 0u);
-    u::Set(n, 1.0f, f);
-    u::Set(n, 1.0, d);
-    u::Free(f);
-    u::Free(d);
-  }
+  float* f = u::Malloc_Float(1000);
+  double* d = u::Malloc_Double(3);
+  ASSERT_TRUE(f != nullptr && d != nullptr);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(f) % 64, 0u);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(d) % 64, 0u);
+  u::Set(1000, 1.0f, f);  // the whole array is usable (ASan checks)
+  u::Set(3, 1.0, d);
+  u::Free(f);
+  u::Free(d);
   EXPECT_EQ(u::Malloc_Float(0), nullptr);
   EXPECT_EQ(u::Malloc_Double(std::numeric_limits<std::size_t>::max() / 4), nullptr);
-  u::Free(nullptr);
 }
 
 TEST(VectorOps, NothingAllocates) {
