@@ -126,30 +126,30 @@ VEX_INLINE void ConvertKernel(std::size_t n, const From* __restrict src, To* __r
   for (std::size_t i = 0; i < n; ++i) dst[i] = static_cast<To>(src[i]);
 }
 
-VEX_KERNEL void AddF(std::size_t n, const float* a, const float* b, float* dst) { AddKernel(n, a, b, dst); }
-VEX_KERNEL void AddD(std::size_t n, const double* a, const double* b, double* dst) { AddKernel(n, a, b, dst); }
-VEX_KERNEL void AddInPlaceF(std::size_t n, const float* src, float* srcDst) { AddInPlaceKernel(n, src, srcDst); }
-VEX_KERNEL void AddInPlaceD(std::size_t n, const double* src, double* srcDst) { AddInPlaceKernel(n, src, srcDst); }
-VEX_KERNEL void MulF(std::size_t n, const float* a, const float* b, float* dst) { MulKernel(n, a, b, dst); }
-VEX_KERNEL void MulD(std::size_t n, const double* a, const double* b, double* dst) { MulKernel(n, a, b, dst); }
-VEX_KERNEL void MulInPlaceF(std::size_t n, const float* src, float* srcDst) { MulInPlaceKernel(n, src, srcDst); }
-VEX_KERNEL void MulInPlaceD(std::size_t n, const double* src, double* srcDst) { MulInPlaceKernel(n, src, srcDst); }
-VEX_KERNEL void MulConstantF(std::size_t n, const float* src, float* dst, float v) {
+VEX_KERNEL void AddK(std::size_t n, const float* a, const float* b, float* dst) { AddKernel(n, a, b, dst); }
+VEX_KERNEL void AddK(std::size_t n, const double* a, const double* b, double* dst) { AddKernel(n, a, b, dst); }
+VEX_KERNEL void AddInPlaceK(std::size_t n, const float* src, float* srcDst) { AddInPlaceKernel(n, src, srcDst); }
+VEX_KERNEL void AddInPlaceK(std::size_t n, const double* src, double* srcDst) { AddInPlaceKernel(n, src, srcDst); }
+VEX_KERNEL void MulK(std::size_t n, const float* a, const float* b, float* dst) { MulKernel(n, a, b, dst); }
+VEX_KERNEL void MulK(std::size_t n, const double* a, const double* b, double* dst) { MulKernel(n, a, b, dst); }
+VEX_KERNEL void MulInPlaceK(std::size_t n, const float* src, float* srcDst) { MulInPlaceKernel(n, src, srcDst); }
+VEX_KERNEL void MulInPlaceK(std::size_t n, const double* src, double* srcDst) { MulInPlaceKernel(n, src, srcDst); }
+VEX_KERNEL void MulConstantK(std::size_t n, const float* src, float* dst, float v) {
   MulConstantKernel(n, src, dst, v);
 }
-VEX_KERNEL void MulConstantD(std::size_t n, const double* src, double* dst, double v) {
+VEX_KERNEL void MulConstantK(std::size_t n, const double* src, double* dst, double v) {
   MulConstantKernel(n, src, dst, v);
 }
-VEX_KERNEL void MulConstantInPlaceF(std::size_t n, float* srcDst, float v) { MulConstantInPlaceKernel(n, srcDst, v); }
-VEX_KERNEL void MulConstantInPlaceD(std::size_t n, double* srcDst, double v) { MulConstantInPlaceKernel(n, srcDst, v); }
-VEX_KERNEL void SetF(std::size_t n, float v, float* dst) { SetKernel(n, v, dst); }
-VEX_KERNEL void SetD(std::size_t n, double v, double* dst) { SetKernel(n, v, dst); }
-VEX_KERNEL double DotF(std::size_t n, const float* a, const float* b) { return DotKernel(n, a, b); }
-VEX_KERNEL double DotD(std::size_t n, const double* a, const double* b) { return DotKernel(n, a, b); }
-VEX_KERNEL double SumF(std::size_t n, const float* src) { return SumKernel(n, src); }
-VEX_KERNEL double SumD(std::size_t n, const double* src) { return SumKernel(n, src); }
-VEX_KERNEL float MaxF(std::size_t n, const float* src) { return MaxKernel(n, src); }
-VEX_KERNEL double MaxD(std::size_t n, const double* src) { return MaxKernel(n, src); }
+VEX_KERNEL void MulConstantInPlaceK(std::size_t n, float* srcDst, float v) { MulConstantInPlaceKernel(n, srcDst, v); }
+VEX_KERNEL void MulConstantInPlaceK(std::size_t n, double* srcDst, double v) { MulConstantInPlaceKernel(n, srcDst, v); }
+VEX_KERNEL void SetK(std::size_t n, float v, float* dst) { SetKernel(n, v, dst); }
+VEX_KERNEL void SetK(std::size_t n, double v, double* dst) { SetKernel(n, v, dst); }
+VEX_KERNEL double DotK(std::size_t n, const float* a, const float* b) { return DotKernel(n, a, b); }
+VEX_KERNEL double DotK(std::size_t n, const double* a, const double* b) { return DotKernel(n, a, b); }
+VEX_KERNEL double SumK(std::size_t n, const float* src) { return SumKernel(n, src); }
+VEX_KERNEL double SumK(std::size_t n, const double* src) { return SumKernel(n, src); }
+VEX_KERNEL float MaxK(std::size_t n, const float* src) { return MaxKernel(n, src); }
+VEX_KERNEL double MaxK(std::size_t n, const double* src) { return MaxKernel(n, src); }
 VEX_KERNEL void FloatToDouble(std::size_t n, const float* src, double* dst) { ConvertKernel(n, src, dst); }
 VEX_KERNEL void DoubleToFloat(std::size_t n, const double* src, float* dst) { ConvertKernel(n, src, dst); }
 
@@ -238,6 +238,46 @@ void Kaiser(std::size_t n, T* w, double beta) {
   });
 }
 
+// The kernels promise the compiler that their arrays do not alias. Callers may
+// legitimately pass the destination again as a source, so those cases are
+// routed to the in-place kernels, which have a single written array.
+template <typename T>
+void AddRouted(std::size_t n, const T* a, const T* b, T* dst) {
+  if (a == dst && b == dst) {
+    MulConstantInPlaceK(n, dst, T(2));
+  } else if (a == dst) {
+    AddInPlaceK(n, b, dst);
+  } else if (b == dst) {
+    AddInPlaceK(n, a, dst);
+  } else {
+    AddK(n, a, b, dst);
+  }
+}
+
+// Squaring in place has no kernel of its own: it is rare enough for a plain
+// loop.
+template <typename T>
+void MulRouted(std::size_t n, const T* a, const T* b, T* dst) {
+  if (a == dst && b == dst) {
+    for (std::size_t i = 0; i < n; ++i) dst[i] *= dst[i];
+  } else if (a == dst) {
+    MulInPlaceK(n, b, dst);
+  } else if (b == dst) {
+    MulInPlaceK(n, a, dst);
+  } else {
+    MulK(n, a, b, dst);
+  }
+}
+
+template <typename T>
+void MulConstantRouted(std::size_t n, const T* src, T* dst, T value) {
+  if (src == dst) {
+    MulConstantInPlaceK(n, dst, value);
+  } else {
+    MulConstantK(n, src, dst, value);
+  }
+}
+
 }  // namespace
 
 void Copy(std::size_t n, const float* src, float* dst) noexcept {
@@ -259,101 +299,34 @@ void Zero(std::size_t n, float* dst) noexcept {
 void Zero(std::size_t n, double* dst) noexcept {
   if (n != 0) std::memset(dst, 0, n * sizeof(double));
 }
-void Set(std::size_t n, float value, float* dst) noexcept { SetF(n, value, dst); }
-void Set(std::size_t n, double value, double* dst) noexcept { SetD(n, value, dst); }
+void Set(std::size_t n, float value, float* dst) noexcept { SetK(n, value, dst); }
+void Set(std::size_t n, double value, double* dst) noexcept { SetK(n, value, dst); }
 
-// The kernels promise the compiler that their arrays do not alias. Callers may
-// legitimately pass the destination again as a source, so those cases are
-// routed to the in-place kernels, which have a single written array.
-void Add(std::size_t n, const float* a, const float* b, float* dst) noexcept {
-  if (a == dst && b == dst) {
-    MulConstantInPlaceF(n, dst, 2.0f);
-  } else if (a == dst) {
-    AddInPlaceF(n, b, dst);
-  } else if (b == dst) {
-    AddInPlaceF(n, a, dst);
-  } else {
-    AddF(n, a, b, dst);
-  }
-}
-void Add(std::size_t n, const double* a, const double* b, double* dst) noexcept {
-  if (a == dst && b == dst) {
-    MulConstantInPlaceD(n, dst, 2.0);
-  } else if (a == dst) {
-    AddInPlaceD(n, b, dst);
-  } else if (b == dst) {
-    AddInPlaceD(n, a, dst);
-  } else {
-    AddD(n, a, b, dst);
-  }
-}
-void Add_InPlace(std::size_t n, const float* src, float* srcDst) noexcept {
-  if (src == srcDst) {
-    MulConstantInPlaceF(n, srcDst, 2.0f);
-  } else {
-    AddInPlaceF(n, src, srcDst);
-  }
-}
-void Add_InPlace(std::size_t n, const double* src, double* srcDst) noexcept {
-  if (src == srcDst) {
-    MulConstantInPlaceD(n, srcDst, 2.0);
-  } else {
-    AddInPlaceD(n, src, srcDst);
-  }
-}
-
-// Squaring in place has no kernel of its own: it is rare enough for a plain
-// loop.
-void Mul(std::size_t n, const float* a, const float* b, float* dst) noexcept {
-  if (a == dst && b == dst) {
-    for (std::size_t i = 0; i < n; ++i) dst[i] *= dst[i];
-  } else if (a == dst) {
-    MulInPlaceF(n, b, dst);
-  } else if (b == dst) {
-    MulInPlaceF(n, a, dst);
-  } else {
-    MulF(n, a, b, dst);
-  }
-}
-void Mul(std::size_t n, const double* a, const double* b, double* dst) noexcept {
-  if (a == dst && b == dst) {
-    for (std::size_t i = 0; i < n; ++i) dst[i] *= dst[i];
-  } else if (a == dst) {
-    MulInPlaceD(n, b, dst);
-  } else if (b == dst) {
-    MulInPlaceD(n, a, dst);
-  } else {
-    MulD(n, a, b, dst);
-  }
-}
-void Mul_InPlace(std::size_t n, const float* src, float* srcDst) noexcept { Mul(n, src, srcDst, srcDst); }
-void Mul_InPlace(std::size_t n, const double* src, double* srcDst) noexcept { Mul(n, src, srcDst, srcDst); }
-
+void Add(std::size_t n, const float* a, const float* b, float* dst) noexcept { AddRouted(n, a, b, dst); }
+void Add(std::size_t n, const double* a, const double* b, double* dst) noexcept { AddRouted(n, a, b, dst); }
+void Add_InPlace(std::size_t n, const float* src, float* srcDst) noexcept { AddRouted(n, src, srcDst, srcDst); }
+void Add_InPlace(std::size_t n, const double* src, double* srcDst) noexcept { AddRouted(n, src, srcDst, srcDst); }
+void Mul(std::size_t n, const float* a, const float* b, float* dst) noexcept { MulRouted(n, a, b, dst); }
+void Mul(std::size_t n, const double* a, const double* b, double* dst) noexcept { MulRouted(n, a, b, dst); }
+void Mul_InPlace(std::size_t n, const float* src, float* srcDst) noexcept { MulRouted(n, src, srcDst, srcDst); }
+void Mul_InPlace(std::size_t n, const double* src, double* srcDst) noexcept { MulRouted(n, src, srcDst, srcDst); }
 void MulConstant(std::size_t n, const float* src, float* dst, float value) noexcept {
-  if (src == dst) {
-    MulConstantInPlaceF(n, dst, value);
-  } else {
-    MulConstantF(n, src, dst, value);
-  }
+  MulConstantRouted(n, src, dst, value);
 }
 void MulConstant(std::size_t n, const double* src, double* dst, double value) noexcept {
-  if (src == dst) {
-    MulConstantInPlaceD(n, dst, value);
-  } else {
-    MulConstantD(n, src, dst, value);
-  }
+  MulConstantRouted(n, src, dst, value);
 }
-void MulConstant_InPlace(std::size_t n, float* srcDst, float value) noexcept { MulConstantInPlaceF(n, srcDst, value); }
+void MulConstant_InPlace(std::size_t n, float* srcDst, float value) noexcept { MulConstantInPlaceK(n, srcDst, value); }
 void MulConstant_InPlace(std::size_t n, double* srcDst, double value) noexcept {
-  MulConstantInPlaceD(n, srcDst, value);
+  MulConstantInPlaceK(n, srcDst, value);
 }
 
-double Dot(std::size_t n, const float* a, const float* b) noexcept { return DotF(n, a, b); }
-double Dot(std::size_t n, const double* a, const double* b) noexcept { return DotD(n, a, b); }
-double Sum(std::size_t n, const float* src) noexcept { return SumF(n, src); }
-double Sum(std::size_t n, const double* src) noexcept { return SumD(n, src); }
-float Max(std::size_t n, const float* src) noexcept { return MaxF(n, src); }
-double Max(std::size_t n, const double* src) noexcept { return MaxD(n, src); }
+double Dot(std::size_t n, const float* a, const float* b) noexcept { return DotK(n, a, b); }
+double Dot(std::size_t n, const double* a, const double* b) noexcept { return DotK(n, a, b); }
+double Sum(std::size_t n, const float* src) noexcept { return SumK(n, src); }
+double Sum(std::size_t n, const double* src) noexcept { return SumK(n, src); }
+float Max(std::size_t n, const float* src) noexcept { return MaxK(n, src); }
+double Max(std::size_t n, const double* src) noexcept { return MaxK(n, src); }
 
 void Convert(std::size_t n, const float* src, double* dst) noexcept { FloatToDouble(n, src, dst); }
 void Convert(std::size_t n, const double* src, float* dst) noexcept { DoubleToFloat(n, src, dst); }
