@@ -4,7 +4,9 @@
 set -euo pipefail
 
 VEX_PACKAGES=(cmake g++ make pkg-config libfftw3-dev libsndfile1-dev libcli11-dev libboost-dev
-              libgtest-dev libgmock-dev libbenchmark-dev clang-format)
+              libgtest-dev libgmock-dev libbenchmark-dev clang-format
+              nlohmann-json3-dev pybind11-dev python3-dev python3-numpy python3-pytest
+              libebur128-dev libsoxr-dev libsamplerate0-dev sox clang libclang-rt-14-dev)
 
 vex_install_missing() {
   local missing=()

@@ -1,11 +1,10 @@
 #include "vexaccelerate/Filter.h"
 
-#include <xmmintrin.h>
-
 #include <cmath>
 #include <new>
 
 #include "Dispatch.h"
+#include "vexaccelerate/Denormals.h"
 #include "vexaccelerate/Utility.h"
 
 namespace vexaccelerate {
@@ -87,25 +86,6 @@ int CreateIIR(IIRState_Double** state, const double* taps, int order, int sectio
   *state = s;
   return 0;
 }
-
-// Recursions run with flush-to-zero and denormals-are-zero set in MXCSR, so a
-// decaying state drops to exactly 0 instead of crawling through the
-// subnormal range (where every operation costs ~100 cycles). The previous
-// mode is restored on return. The filtering itself sits in non-inlined
-// functions so the compiler cannot move arithmetic across the mode switch;
-// single-sample and block calls both run under the same mode and therefore
-// give identical results.
-class FlushDenormals {
- public:
-  FlushDenormals() noexcept : saved_(_mm_getcsr()) { _mm_setcsr(saved_ | kFtzDaz); }
-  ~FlushDenormals() { _mm_setcsr(saved_); }
-  FlushDenormals(const FlushDenormals&) = delete;
-  FlushDenormals& operator=(const FlushDenormals&) = delete;
-
- private:
-  static constexpr unsigned kFtzDaz = 0x8040;
-  unsigned saved_;
-};
 
 // Transposed direct form II: y = b0 x + s0; s_k = s_(k+1) + b_(k+1) x -
 // a_(k+1) y; s_(N-1) = b_N x - a_N y. Its states hold partial sums of the
@@ -193,7 +173,7 @@ __attribute__((noinline)) void RunBiquads(std::size_t n, const double* in, doubl
 }
 
 void RunIIR(std::size_t n, const double* in, double* out, IIRState_Double* s) noexcept {
-  FlushDenormals guard;
+  utility::ScopedFlushDenormals guard;
   if (s->sections == 1) {
     RunDirect(n, in, out, s->taps, s->order, s->delay);
   } else {
