@@ -1,5 +1,6 @@
 #pragma once
 
+#include <complex>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -131,6 +132,12 @@ class VEXAUDIODSP_API Effect : public DSPProcess {
   /// Frames the effect keeps sounding after its input stops, at the current
   /// settings (valid after Start). 0 for effects without memory.
   virtual std::int64_t GetTailFrames() const;
+
+  /// The transfer function at `count` frequencies in Hz, for effects that
+  /// are linear and time-invariant at their current settings (filters,
+  /// equalisers); valid after Start. False for all others (the default):
+  /// hosts then measure the impulse response instead (ComputeResponse).
+  virtual bool GetTransferFunction(const double* frequenciesHz, int count, std::complex<double>* response) const;
 
   int GetNumChannels() const { return numChannels_; }
   double GetSampleRate() const { return sampleRate_; }
