@@ -63,6 +63,9 @@ class VEXAUDIODSP_API TruePeak {
   /// The 71 taps of the interpolator in time order, scaled by the factor
   /// (nullptr before Init).
   const float* GetTaps() const { return taps_; }
+  /// Clears the interpolator's memory, the peak and the sample count; keeps
+  /// the design. Never allocates.
+  void Reset();
   /// Releases the interpolator; Process and Resample do nothing until the
   /// next Init. Also done at the start of every Init.
   void FreeFIR();

@@ -147,6 +147,13 @@ void TruePeak::Init(std::size_t maxFrames, int sampleRate) {
   sampleCount_ = 0;
 }
 
+void TruePeak::Reset() {
+  if (delayLine_ != nullptr) vexaccelerate::utility::Zero(HistoryLength(tapsPerPhase_, maxFrames_), delayLine_);
+  peak_ = 0.0f;
+  peakPosition_ = 0;
+  sampleCount_ = 0;
+}
+
 void TruePeak::Interpolate(const float* in, std::size_t n) {
   const std::size_t keep = tapsPerPhase_ - 1;
   vexaccelerate::utility::Copy(n, in, delayLine_ + keep);
