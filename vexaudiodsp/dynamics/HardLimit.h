@@ -93,9 +93,13 @@ class VEXAUDIODSP_API HardLimit {
     float slope = -1.0f;
     int slopePosition = 0;
     float windowMax = 0.0f;
-    int windowPosition = 0;
     float gain = 1.0f;
+    int queueHead = 0;
+    int queueSize = 0;
   };
+
+  static void PushWindow(Channel& s, int* queue, const float* d, int pos, int ring);
+  static void SearchSlope(Channel& s, const float* d, float env, int w, int ring, int lookAhead);
 
   void ApplyParameters();
   void ProcessChunk(float** in, float** out, int frames, bool truePeak);
@@ -120,6 +124,8 @@ class VEXAUDIODSP_API HardLimit {
   std::vector<Channel> state_;
   std::vector<float> sampleRings_;  // channel c at [c * ringLength_, ...)
   std::vector<float> detectRings_;
+  std::vector<int> queues_;  // per channel, window-maximum candidates
+  bool rebuildWindow_ = true;
   std::vector<TruePeak> truePeaks_;
   MultiChannelDelayBuffer delayBuffer_;
   std::vector<float> oversampled_;      // per channel kChunk * factor

@@ -92,6 +92,7 @@ void HardLimit::Resume() {
   outChunk_.assign(static_cast<std::size_t>(channels), nullptr);
   sampleRings_.assign(static_cast<std::size_t>(channels) * ringLength_, 0.0f);
   detectRings_.assign(static_cast<std::size_t>(channels) * ringLength_, 0.0f);
+  queues_.assign(static_cast<std::size_t>(channels) * ringLength_, 0);
   truePeakActive_ = params_[kTruePeakDetection] >= 0.5f;
   truePeaks_.clear();
   if (truePeakActive_) {
@@ -120,7 +121,9 @@ void HardLimit::ApplyParameters() {
   const double rate = static_cast<double>(sampleRate_);
   long n = std::lround(params_[kLookAhead] / 1000.0 * rate);
   n = std::min<long>(n, ringLength_ - 1);
-  lookAhead_ = n < 1 ? 1 : static_cast<int>(n);
+  const int lookAhead = n < 1 ? 1 : static_cast<int>(n);
+  if (lookAhead != lookAhead_) rebuildWindow_ = true;
+  lookAhead_ = lookAhead;
   targetGain_ = static_cast<float>(std::pow(10.0, params_[kInputBoost] / 20.0));
   ceiling_ = static_cast<float>(std::pow(10.0, params_[kCeiling] / 20.0));
   release_ = static_cast<float>(std::exp(-kReleaseLog / (rate * params_[kRelease] / 1000.0)));
@@ -133,13 +136,13 @@ void HardLimit::Reset() {
   std::fill(sampleRings_.begin(), sampleRings_.end(), 0.0f);
   std::fill(detectRings_.begin(), detectRings_.end(), 0.0f);
   writeIndex_ = 0;
+  rebuildWindow_ = true;
   for (Channel& c : state_) {
     c = Channel();
     c.envelope = smooth_ ? ceiling_ : 1.0f;
-    // Both positions "just left", so the first frame searches the window.
+    // "Just left", so the first frame searches the window.
     c.slopePosition = ringLength_ - 1;
-    c.windowPosition = ringLength_ - 1;
-    c.windowMax = -1.0f;
+    c.windowMax = 0.0f;
   }
   currentGain_ = targetGain_;
   for (TruePeak& tp : truePeaks_) tp.Reset();
@@ -172,6 +175,56 @@ void HardLimit::Process(float** in, float** out, int frames) {
     ProcessChunk(in, out, frames, false);
   }
   currentGain_ = targetGain_;
+}
+
+void HardLimit::PushWindow(Channel& s, int* queue, const float* d, int pos, int ring) {
+  while (s.queueSize > 0) {
+    int back = s.queueHead + s.queueSize - 1;
+    if (back >= ring) back -= ring;
+    if (d[queue[back]] >= d[pos]) break;
+    --s.queueSize;
+  }
+  int slot = s.queueHead + s.queueSize;
+  if (slot >= ring) slot -= ring;
+  queue[slot] = pos;
+  ++s.queueSize;
+}
+
+// The steepest straight line from the envelope to a peak in the window:
+// max over k = 1..N of (D[w + k - 1] - env) / k, the first of equal slopes
+// winning. No D exceeds the window maximum, which bounds the slopes still
+// reachable and ends the scan early without changing its result: rising
+// slopes shrink with k, so the scan stops once even the maximum at k could
+// not beat the best; falling ones grow toward 0 with k, so those are
+// scanned from the far end.
+void HardLimit::SearchSlope(Channel& s, const float* d, float env, int w, int ring, int lookAhead) {
+  const float headroom = s.windowMax - env;
+  s.slope = -1.0f;
+  if (headroom > 0.0f) {
+    for (int k = 1, pos = w; k <= lookAhead; ++k, pos = pos + 1 == ring ? 0 : pos + 1) {
+      if (headroom / static_cast<float>(k) <= s.slope) break;
+      const float slope = (d[pos] - env) / static_cast<float>(k);
+      if (slope > s.slope) {
+        s.slope = slope;
+        s.slopePosition = pos;
+      }
+    }
+    return;
+  }
+  // Scanning backwards, an equal slope replaces the best so that the
+  // smallest k still wins (but never the starting value -1 itself).
+  bool found = false;
+  for (int k = lookAhead; k >= 1; --k) {
+    if (headroom / static_cast<float>(k) < s.slope) break;
+    int pos = w + k - 1;
+    if (pos >= ring) pos -= ring;
+    const float slope = (d[pos] - env) / static_cast<float>(k);
+    if (slope > s.slope || (found && slope == s.slope)) {
+      s.slope = slope;
+      s.slopePosition = pos;
+      found = true;
+    }
+  }
 }
 
 void HardLimit::ProcessChunk(float** in, float** out, int frames, bool truePeak) {
@@ -211,33 +264,33 @@ void HardLimit::ProcessChunk(float** in, float** out, int frames, bool truePeak)
       Channel& s = state_[static_cast<std::size_t>(c)];
       const float* d = detectRings_.data() + static_cast<std::size_t>(c) * ring;
       float env = s.envelope;
-      if (s.slopePosition == leaving) {
-        s.slope = -1.0f;
-        for (int k = 1, pos = w; k <= lookAhead; ++k, pos = pos + 1 == ring ? 0 : pos + 1) {
-          const float slope = (d[pos] - env) / static_cast<float>(k);
-          if (slope > s.slope) {
-            s.slope = slope;
-            s.slopePosition = pos;
-          }
+      // Window maximum: a monotonic queue of ring positions whose values
+      // fall from front to back gives the exact sliding maximum in O(1)
+      // amortised time, whatever the signal.
+      int* queue = queues_.data() + static_cast<std::size_t>(c) * ring;
+      if (rebuildWindow_) {
+        s.queueHead = 0;
+        s.queueSize = 0;
+        for (int k = 0, pos = w; k < lookAhead; ++k, pos = pos + 1 == ring ? 0 : pos + 1) {
+          PushWindow(s, queue, d, pos, ring);
         }
+      } else {
+        if (s.queueSize > 0 && queue[s.queueHead] == leaving) {
+          s.queueHead = s.queueHead + 1 == ring ? 0 : s.queueHead + 1;
+          --s.queueSize;
+        }
+        PushWindow(s, queue, d, newest, ring);
+      }
+      s.windowMax = d[queue[s.queueHead]];
+
+      if (s.slopePosition == leaving || rebuildWindow_) {
+        SearchSlope(s, d, env, w, ring, lookAhead);
       } else {
         const float slope = (d[newest] - env) / static_cast<float>(lookAhead);
         if (slope > s.slope) {
           s.slope = slope;
           s.slopePosition = newest;
         }
-      }
-      if (s.windowPosition == leaving) {
-        s.windowMax = -1.0f;
-        for (int k = 0, pos = w; k < lookAhead; ++k, pos = pos + 1 == ring ? 0 : pos + 1) {
-          if (d[pos] > s.windowMax) {
-            s.windowMax = d[pos];
-            s.windowPosition = pos;
-          }
-        }
-      } else if (d[newest] > s.windowMax) {
-        s.windowMax = d[newest];
-        s.windowPosition = newest;
       }
       if (s.slope > 0.0f) {
         env += s.slope;
@@ -249,6 +302,7 @@ void HardLimit::ProcessChunk(float** in, float** out, int frames, bool truePeak)
       s.envelope = env;
       linked = std::max(linked, env);
     }
+    rebuildWindow_ = false;
 
     for (int c = 0; c < channels; ++c) {
       Channel& s = state_[static_cast<std::size_t>(c)];
