@@ -16,18 +16,20 @@ namespace {
 // The limiter keeps the oversampled waveform within about 0.1 dB of its
 // ceiling; the ceiling sits that much under the maximum so the result meets it.
 constexpr double kTruePeakMarginDb = 0.1;
+constexpr int kMaxPasses = 4;
+constexpr double kConvergedLu = 0.05;
 
-// Writes to the file and meters what it writes.
+// Meters what it passes on to the file (if any).
 class MeteringSink final : public dsp::host::FrameSink {
  public:
-  MeteringSink(FileSink& file, dsp::LoudnessMeter& meter) : file_(file), meter_(meter) {}
+  MeteringSink(FileSink* file, dsp::LoudnessMeter& meter) : file_(file), meter_(meter) {}
   bool Write(const float* const* planar, int numFrames) override {
     meter_.Process(planar, static_cast<std::size_t>(numFrames));
-    return file_.Write(planar, numFrames);
+    return file_ == nullptr || file_->Write(planar, numFrames);
   }
 
  private:
-  FileSink& file_;
+  FileSink* file_;
   dsp::LoudnessMeter& meter_;
 };
 
@@ -52,8 +54,9 @@ class NormalizeCommand final : public Command {
         ->check(CLI::Range(dsp::loudness::kTruePeakLevelMin, dsp::loudness::kTruePeakLevelMax));
     app.footer(
         "The file is measured (ITU-R BS.1770-4), the gain that brings it to the target is applied, and the "
-        "look-ahead limiter with true-peak detection holds the maximum true peak. Limiting lowers the loudness "
-        "of very dynamic material slightly below the target; both measurements are printed.");
+        "look-ahead limiter with true-peak detection holds the maximum true peak. Where limiting takes loudness "
+        "away, the gain is raised and the file rendered again (up to 4 passes) until it is within 0.05 LU of the "
+        "target.");
   }
 
   int Run() override {
@@ -67,10 +70,32 @@ class NormalizeCommand final : public Command {
 
     const dsp::LoudnessSummary before = MeasureLoudness(input_);
     if (!before.valid) throw CliError(input_ + ": too short or too quiet to measure (no 400 ms block above -70 LUFS)");
-    const double gainDb = target - before.integrated;
+    // Limiting takes some loudness away from material with high peaks, so
+    // the gain is raised by what is missing and the file rendered again
+    // until the result is within kConvergedLu of the target (usually the
+    // first pass already is).
+    double gainDb = target - before.integrated;
+    const double ceiling = maxPeak - kTruePeakMarginDb;
+    dsp::LoudnessSummary after = Render(gainDb, ceiling, &output_);
+    for (int pass = 1; pass < kMaxPasses && after.valid && std::fabs(target - after.integrated) > kConvergedLu;
+         ++pass) {
+      gainDb += target - after.integrated;
+      after = Render(gainDb, ceiling, &output_);
+    }
 
+    std::printf("before  %s\n", Describe(before, unit).c_str());
+    std::printf("gain    %+.2f dB to %.1f %s, limited at %.1f dBTP\n", gainDb, target, unit.c_str(), ceiling);
+    std::printf("after   %s\n", Describe(after, unit).c_str());
+    std::printf("out     %s\n", output_.c_str());
+    return 0;
+  }
+
+ private:
+  // Runs the input through the limiter with this gain and ceiling into
+  // `output` (when not null), metering the result.
+  dsp::LoudnessSummary Render(double gainDb, double ceilingDb, const std::string* output) const {
     char text[160];
-    std::snprintf(text, sizeof(text), "limit:ceiling=%.6g,boost=%.6g,truepeak=on", maxPeak - kTruePeakMarginDb, gainDb);
+    std::snprintf(text, sizeof(text), "limit:ceiling=%.6g,boost=%.6g,truepeak=on", ceilingDb, gainDb);
     std::string error;
     std::unique_ptr<dsp::host::Effect> limiter = dsp::host::CreateEffect(text, &error);
     if (!limiter) throw CliError(input_ + ": needs a gain of " + std::to_string(gainDb) + " dB, which " + error);
@@ -81,34 +106,31 @@ class NormalizeCommand final : public Command {
     const int channels = reader.GetNumChannels();
     const int rate = reader.GetSampleRate();
     if (!chain.Prepare(channels, rate, &error)) throw CliError(error);
-    const int format = ChooseOutputFormat(output_, reader.GetFormat(), SampleFormat::kKeep, channels, rate, nullptr);
-    AudioFileWriter writer(output_, format, channels, rate, reader.GetChannelMap());
+    std::unique_ptr<AudioFileWriter> writer;
+    std::unique_ptr<FileSink> file;
+    if (output != nullptr) {
+      const int format = ChooseOutputFormat(*output, reader.GetFormat(), SampleFormat::kKeep, channels, rate, nullptr);
+      writer = std::make_unique<AudioFileWriter>(*output, format, channels, rate, reader.GetChannelMap());
+      file = std::make_unique<FileSink>(*writer);
+    }
     FileSource source(reader);
-    FileSink file(writer);
     std::vector<dsp::Itu1770::ChannelLabel> labels = LabelsForFile(reader);
     if (labels.empty()) labels = dsp::Itu1770::LabelsFromLayout(vexmediatypes::CreateDefaultChannelLayout(channels));
-    dsp::LoudnessMeter after;
-    after.Init(dsp::host::kRenderBlock, rate, labels);
-    MeteringSink sink(file, after);
-    Progress progress("normalizing", reader.GetNumFrames());
+    dsp::LoudnessMeter meter;
+    meter.Init(dsp::host::kRenderBlock, rate, labels);
+    MeteringSink sink(file.get(), meter);
+    Progress progress(output != nullptr ? "writing" : "normalizing", reader.GetNumFrames());
     const std::int64_t written = dsp::host::RenderProcess(chain.GetChain(), channels, source, sink, 0,
                                                           [&](std::int64_t done) { progress.Update(done); });
     progress.Finish();
     source.Check();
-    file.Check();
+    if (file) file->Check();
     if (written < 0) throw CliError("normalizing failed");
     chain.GetChain().Done();
-    writer.Commit();
-
-    std::printf("before  %s\n", Describe(before, unit).c_str());
-    std::printf("gain    %+.2f dB to %.1f %s, limited at %.1f dBTP\n", gainDb, target, unit.c_str(),
-                maxPeak - kTruePeakMarginDb);
-    std::printf("after   %s\n", Describe(after.GetSummary(), unit).c_str());
-    std::printf("out     %s\n", output_.c_str());
-    return 0;
+    if (writer) writer->Commit();
+    return meter.GetSummary();
   }
 
- private:
   std::string input_;
   std::string output_;
   std::string standard_ = "ebu";
