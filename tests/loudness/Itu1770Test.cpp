@@ -52,6 +52,19 @@ TEST(SecondOrderIIRFilter, MatchesTheDifferenceEquation) {
   std::vector<float> inPlace = x;
   f.Process(inPlace.data(), inPlace.data(), inPlace.size());
   EXPECT_EQ(inPlace, y);
+  // The cascade equals two passes exactly.
+  dsp::SecondOrderIIRFilter first, second, first2, second2;
+  first.SetCoefficients(c);
+  first2.SetCoefficients(c);
+  second.SetCoefficients({-1.99, 0.9901, 0.995, -1.99, 0.995});
+  second2.SetCoefficients(second.GetCoefficients());
+  std::vector<float> twoPass(x.size()), fused(x.size());
+  first.Process(x.data(), twoPass.data(), x.size());
+  second.Process(twoPass.data(), twoPass.data(), x.size());
+  dsp::SecondOrderIIRFilter::ProcessCascade(first2, second2, x.data(), fused.data(), 1000);
+  dsp::SecondOrderIIRFilter::ProcessCascade(first2, second2, x.data() + 1000, fused.data() + 1000, x.size() - 1000);
+  EXPECT_EQ(fused, twoPass);
+
   dsp::SecondOrderIIRFilter copy = f;
   float one = 1.0f, a = 0.0f, b = 0.0f;
   f.Process(&one, &a, 1);
@@ -212,6 +225,18 @@ TEST(Itu1770, FloorValuesWhenNothingIsMeasured) {
   meter.Process(p, x.size());
   EXPECT_EQ(meter.GetLKFS(), -300.0f);
   EXPECT_FALSE(meter.IsValid());
+
+  // The silence mask has 64 bits: channel 64 shares bit 0 with channel 0.
+  std::vector<const float*> many(65, silence.data());
+  many[64] = x.data();
+  dsp::Itu1770 wide;
+  wide.Init(48000, 48000, std::vector<Label>(65, dsp::Itu1770::kOther));
+  wide.SetChannelsZero(vexcore::utility::Flags<std::uint64_t>(1));
+  wide.Process(many.data(), x.size());
+  EXPECT_EQ(wide.GetLKFS(), -300.0f);
+  wide.Init(48000, 48000, std::vector<Label>(65, dsp::Itu1770::kOther));
+  wide.Process(many.data(), x.size());
+  EXPECT_NEAR(wide.GetLKFS(), half.GetLKFS(), 1e-4);
 }
 
 // The result does not depend on how the stream is cut, even into blocks

@@ -38,6 +38,11 @@ class VEXAUDIODSP_API SecondOrderIIRFilter {
   void Reset();
   /// Filters n samples; `in` and `out` may be the same array.
   void Process(const float* in, float* out, std::size_t n);
+  /// first.Process(in, out, n) then second.Process(out, out, n), bit for
+  /// bit, in one pass: the two recursions overlap instead of running one
+  /// after the other.
+  static void ProcessCascade(SecondOrderIIRFilter& first, SecondOrderIIRFilter& second, const float* in, float* out,
+                             std::size_t n);
 
  private:
   double w1_ = 0.0;

@@ -171,8 +171,7 @@ void Itu1770::ProcessPiece(const float* const* channels, std::size_t frames) {
       vexaccelerate::utility::Zero(frames, block);
       continue;
     }
-    c.shelf.Process(channels[i], c.scratch.data(), frames);
-    c.highPass.Process(c.scratch.data(), c.scratch.data(), frames);
+    SecondOrderIIRFilter::ProcessCascade(c.shelf, c.highPass, channels[i], c.scratch.data(), frames);
     vexaccelerate::utility::Copy(frames, c.scratch.data(), block);
   }
   fill_ += frames;
