@@ -148,6 +148,30 @@ TEST(HardLimit, TruePeakModeKeepsInterSamplePeaksUnderTheCeiling) {
   }
 }
 
+// An isolated burst whose samples sit 3 dB under its true peak: the
+// interpolated peaks must meet the gain at the samples they lie between, so
+// the output's true peak lands on the ceiling, not over it.
+TEST(HardLimit, TruePeakDetectionIsAlignedWithTheSamples) {
+  std::vector<float> burst(6000, 0.0f);
+  for (int n = 0; n < 12; ++n) burst[3000 + n] = static_cast<float>(0.9 * std::sin(M_PI / 2 * n + M_PI / 4));
+  HardLimit limit;
+  limit.SetChannels(1);
+  limit.SetSampleRate(48000);
+  limit.SetParameter(HardLimit::kCeiling, -6.0f);
+  limit.SetParameter(HardLimit::kRelease, 40.0f);
+  limit.SetParameter(HardLimit::kTruePeakDetection, 1.0f);
+  limit.Resume();
+  const auto y = RunLimiter(limit, {burst}, 6000);
+  dsp::TruePeak tp;
+  tp.Init(y[0].size(), 48000);
+  tp.Process(y[0].data(), y[0].size());
+  float db = 0.0f;
+  std::int64_t pos = 0;
+  tp.GetPeakValue(db, pos);
+  EXPECT_LE(db, -6.0f + 0.05f);
+  EXPECT_GE(db, -6.0f - 0.5f);
+}
+
 // Unlinked channels are limited on their own; linked ones share the gain.
 TEST(HardLimit, LinkSharesTheGain) {
   std::vector<std::vector<float>> x(2, std::vector<float>(3000, 0.1f));
