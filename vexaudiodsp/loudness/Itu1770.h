@@ -40,7 +40,7 @@ namespace dsp {
 class VEXAUDIODSP_API Itu1770 {
  public:
   /// Only kLowFrequencyEffects (4) and the surrounds (5, 6) are treated
-  /// specially; every other value is an ordinary full-range channel.
+  /// apart; every other value is an ordinary full-range channel.
   enum ChannelLabel : std::int32_t {
     kLeft = 0,
     kRight = 1,
