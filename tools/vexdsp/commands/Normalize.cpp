@@ -3,6 +3,7 @@
 // met, and reports the loudness before and after.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -16,7 +17,7 @@ namespace {
 // The limiter keeps the oversampled waveform within about 0.1 dB of its
 // ceiling; the ceiling sits that much under the maximum so the result meets it.
 constexpr double kTruePeakMarginDb = 0.1;
-constexpr int kMaxPasses = 4;
+constexpr int kMaxPasses = 5;
 constexpr double kConvergedLu = 0.05;
 
 // Meters what it passes on to the file (if any).
@@ -55,7 +56,7 @@ class NormalizeCommand final : public Command {
     app.footer(
         "The file is measured (ITU-R BS.1770-4), the gain that brings it to the target is applied, and the "
         "look-ahead limiter with true-peak detection holds the maximum true peak. Where limiting takes loudness "
-        "away, the gain is raised and the file rendered again (up to 4 passes) until it is within 0.05 LU of the "
+        "away, the gain is raised and the file rendered again (up to 5 passes) until it is within 0.05 LU of the "
         "target.");
   }
 
@@ -71,18 +72,24 @@ class NormalizeCommand final : public Command {
     const dsp::LoudnessSummary before = MeasureLoudness(input_);
     if (!before.valid) throw CliError(input_ + ": too short or too quiet to measure (no 400 ms block above -70 LUFS)");
     // Limiting takes some loudness away from material with high peaks, so
-    // the gain is raised by what is missing and the file rendered again
-    // until the result is within kConvergedLu of the target (usually the
-    // first pass already is).
+    // the file is rendered again with more gain until it is within
+    // kConvergedLu of the target (usually the first pass already is). Under
+    // heavy limiting a dB of gain adds less than a dB of loudness: after the
+    // first correction the steps follow the measured slope (a secant step).
     double gainDb = target - before.integrated;
     const double ceiling = maxPeak - kTruePeakMarginDb;
     dsp::LoudnessSummary after = Render(gainDb, ceiling, &output_);
+    double lastGain = gainDb, lastLoudness = after.integrated, dbPerLu = 1.0;
     for (int pass = 1; pass < kMaxPasses && after.valid && std::fabs(target - after.integrated) > kConvergedLu;
          ++pass) {
-      gainDb += target - after.integrated;
+      if (pass > 1 && std::fabs(after.integrated - lastLoudness) > 1e-3) {
+        dbPerLu = std::clamp((gainDb - lastGain) / (after.integrated - lastLoudness), 1.0, 10.0);
+      }
+      lastGain = gainDb;
+      lastLoudness = after.integrated;
+      gainDb += (target - after.integrated) * dbPerLu;
       after = Render(gainDb, ceiling, &output_);
     }
-
     std::printf("before  %s\n", Describe(before, unit).c_str());
     std::printf("gain    %+.2f dB to %.1f %s, limited at %.1f dBTP\n", gainDb, target, unit.c_str(), ceiling);
     std::printf("after   %s\n", Describe(after, unit).c_str());
