@@ -4,6 +4,7 @@
 #include <cmath>
 #include <complex>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -367,6 +368,20 @@ TEST(FilterSection, DeskFilterShiftsGearsKeepingItsSettings) {
   EXPECT_EQ(&desk.GetSection(), before);
 
   EXPECT_EQ(desk.GetSection().getRampLength(), 882) << "0.02 s at the 44100 Hz the new section knew";
+}
+
+TEST(FilterSection, DesignsWithoutAFilterKeepThePreviousTarget) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  auto s = Static<dsp::fPARA>(48000, 1000, 6, 1);
+  const auto before = s->GetTarget();
+  s->SetupCoefficients(48000, nan, 6, 1, 0, 0);
+  EXPECT_EQ(s->GetTarget(), before);
+  EXPECT_FALSE(s->IsRamping());
+  auto shelf = Static<dsp::dHISHELVE>(48000, 0, 6, 1);
+  EXPECT_EQ(shelf->GetTarget(), dsp::dFilterSection::Neutral()) << "a shelf at 0 Hz";
+  EXPECT_EQ(shelf->getFrequency(), 0.0f) << "the settings are stored all the same";
+  auto notch = Static<dsp::fNotch>(48000, 1000, -20, 0);
+  for (float v : RunBlocks(*notch, vextest::Noise(500, 10), 500)) ASSERT_TRUE(std::isfinite(v));
 }
 
 TEST(FilterSection, SilenceAfterALoudPassageReachesExactZeros) {

@@ -63,6 +63,12 @@ enum SectionCoefficient {
 /// when stateVariable is set (better behaved for low, sharp sections in
 /// single precision). Switching the form clears the history.
 ///
+/// Bad settings: a design that comes out with a non-finite coefficient (NaN
+/// settings, a shelf at 0 Hz, a notch with Q <= 0) keeps the previous
+/// target (the settings are still stored). Frequencies are not checked
+/// against fs / 2: a PARA clamps them, the notch and shelves take them as
+/// they are and fold them back, which stays finite but is rarely wanted.
+///
 /// Enabling: a disabled section passes its input unchanged. Setup enables
 /// the section exactly when the gain is not 0 dB; enable() fades in from a
 /// neutral section over one glide; disable() stops at once.
@@ -227,7 +233,7 @@ enum class SectionDesign {
   /// Second-order (12 dB per octave) Butterworth-damped high shelf around
   /// the frequency variable tan((0.25 - f/fs) pi); mid-slope gain sqrt(g)
   /// within +-6 dB, else g moved 3 dB towards unity. Q is recorded as the
-  /// bandwidth f / Q but does not shape the section. No guard against f = 0.
+  /// bandwidth f / Q but does not shape the section.
   kHighShelf2,
   /// The low-shelf counterpart around tan((f/fs - 0.25) pi).
   kLowShelf2,

@@ -477,7 +477,16 @@ void DesignedSection<T, kDesign>::SetupCoefficients(float sampleRate, float freq
       kDesign == SectionDesign::kLowShelf2) {
     this->bandwidthHz_ = static_cast<float>(f / qd);
   }
-  this->SetTarget(d.b0, d.b1, d.b2, d.a1, d.a2);
+  // NaN settings, a shelf at 0 Hz or a notch with Q <= 0 design no filter;
+  // their NaN coefficients would poison the history for good, so the
+  // section keeps gliding to (or holding) the last real design.
+  const bool finite =
+      std::isfinite(d.b0) && std::isfinite(d.b1) && std::isfinite(d.b2) && std::isfinite(d.a1) && std::isfinite(d.a2);
+  if (finite) {
+    this->SetTarget(d.b0, d.b1, d.b2, d.a1, d.a2);
+  } else {
+    this->SetupRamp();
+  }
 }
 
 template class FilterSectionOf<float>;
