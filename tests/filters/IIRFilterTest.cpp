@@ -140,6 +140,7 @@ TEST(IIRFilter, NormalisesEachSectionByItsA0) {
   EXPECT_EQ(c.GetCoefficients()[6 + 4], broken[6 + 4]);
   EXPECT_EQ(c.GetCoefficients()[6 + 3], 0.0);
   EXPECT_EQ(Filter(c, x, 500), Filter(reference, x, 500));
+  EXPECT_FALSE(dsp::IIRFilter(2, broken.data(), 3).IsInitialised());
 }
 
 TEST(IIRFilter, KeepStateRingsOnAndClearStateStartsFromRest) {

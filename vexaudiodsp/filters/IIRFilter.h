@@ -23,9 +23,10 @@ namespace dsp {
 /// coefficient pointer means identity sections (b0 = a0 = 1, all else 0).
 ///
 /// SetCoefficients normalises each section by its own a0. A section whose
-/// a0 is 0 is stored as given, but it describes no realisable recursion: the
-/// filter then keeps running its previous coefficients (GetCoefficients
-/// still returns what was given). Callers pass keepState = true for small
+/// a0 is 0 (or not finite) is stored as given, but it describes no
+/// realisable recursion: the filter then keeps running its previous
+/// coefficients (GetCoefficients still returns what was given). Given to the
+/// constructor, such a set leaves the filter uninitialised. Callers pass keepState = true for small
 /// moves (the running state carries on, no click) and false for jumps (the
 /// recursion restarts from rest).
 ///
