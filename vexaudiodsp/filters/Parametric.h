@@ -62,7 +62,10 @@ namespace dsp {
 /// keeping their state (a new channel count clears it).
 ///
 /// Allocation: none; the state for eight channels is part of the object.
-/// Nothing locks or throws. One thread at a time.
+/// Nothing locks or throws. Process holds flush-to-zero while it runs; a
+/// host calling ProcessOneSample in a loop holds a
+/// vexaccelerate::utility::ScopedFlushDenormals around the loop. One thread
+/// at a time.
 class VEXAUDIODSP_API Parametric {
  public:
   static constexpr int kNumParameters = 45;
