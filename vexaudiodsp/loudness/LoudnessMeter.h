@@ -43,6 +43,10 @@ struct LoudnessSummary {
 /// between their 10th and 95th percentiles (nearest rank, (n - 1) p
 /// rounded).
 ///
+/// Non-finite input poisons the channel's K-weighting as in Itu1770: every
+/// later momentary and short-term window reads -300 and is left out of the
+/// loudness range; the figures from before it stay.
+///
 /// Allocation: Init allocates and reserves 24 hours of history at the step
 /// rate; Process then does not allocate; GetLoudnessRange and GetSummary
 /// allocate (they sort a copy). A copyable value type; one thread at a time.
