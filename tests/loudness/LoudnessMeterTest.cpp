@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <vector>
 
 #include "loudness/ToneSequence.h"
@@ -126,6 +127,30 @@ TEST(LoudnessMeter, AgreesWithItsPartsAndIgnoresBlockSize) {
     EXPECT_EQ(t.truePeakDb, s.truePeakDb) << block;
     EXPECT_EQ(t.truePeakPosition, s.truePeakPosition) << block;
   }
+}
+
+// A NaN poisons the K-weighting: later windows read -300, the maxima and
+// the integrated value keep what came before; an infinity does the same
+// and reads +inf dBTP.
+TEST(LoudnessMeter, NonFiniteInput) {
+  std::vector<float> x = vextest::Sine(48000 * 4, 1000.0, 48000.0, std::pow(10.0, -23.0 / 20.0));
+  x[48000 * 3] = std::nanf("");
+  const float* p[2] = {x.data(), x.data()};
+  dsp::LoudnessMeter meter;
+  meter.Init(4800, 48000, kStereo);
+  meter.Process(p, x.size());
+  const dsp::LoudnessSummary s = meter.GetSummary();
+  EXPECT_EQ(meter.GetMomentary(), -300.0);
+  EXPECT_EQ(meter.GetShortTerm(), -300.0);
+  EXPECT_NEAR(s.momentaryMax, -23.0, 0.1);
+  EXPECT_NEAR(s.shortTermMax, -23.0, 0.1);
+  EXPECT_NEAR(s.integrated, -23.0, 0.1);
+  EXPECT_NEAR(s.truePeakDb, -23.0, 0.1);
+  x[48000 * 3] = std::numeric_limits<float>::infinity();
+  meter.Init(4800, 48000, kStereo);
+  meter.Process(p, x.size());
+  EXPECT_EQ(meter.GetSummary().truePeakDb, std::numeric_limits<double>::infinity());
+  EXPECT_NEAR(meter.GetSummary().integrated, -23.0, 0.1);
 }
 
 }  // namespace
