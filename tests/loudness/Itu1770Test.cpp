@@ -64,6 +64,26 @@ TEST(SecondOrderIIRFilter, MatchesTheDifferenceEquation) {
   dsp::SecondOrderIIRFilter::ProcessCascade(first2, second2, x.data(), fused.data(), 1000);
   dsp::SecondOrderIIRFilter::ProcessCascade(first2, second2, x.data() + 1000, fused.data() + 1000, x.size() - 1000);
   EXPECT_EQ(fused, twoPass);
+  // And the pair of cascades equals each alone.
+  dsp::SecondOrderIIRFilter a1, a2, b1, b2;
+  a1.SetCoefficients(c);
+  a2.SetCoefficients(second.GetCoefficients());
+  b1.SetCoefficients(second.GetCoefficients());
+  b2.SetCoefficients(c);
+  std::vector<float> pa(x.size()), pb(x.size());
+  const std::vector<float> other = vextest::Noise(x.size(), 3);
+  dsp::SecondOrderIIRFilter* const firsts[2] = {&a1, &b1};
+  dsp::SecondOrderIIRFilter* const seconds[2] = {&a2, &b2};
+  const float* const ins[2] = {x.data(), other.data()};
+  float* const outs[2] = {pa.data(), pb.data()};
+  dsp::SecondOrderIIRFilter::ProcessCascadePair(firsts, seconds, ins, outs, x.size());
+  EXPECT_EQ(pa, twoPass);
+  dsp::SecondOrderIIRFilter c1, c2;
+  c1.SetCoefficients(second.GetCoefficients());
+  c2.SetCoefficients(c);
+  std::vector<float> pc(x.size());
+  dsp::SecondOrderIIRFilter::ProcessCascade(c1, c2, other.data(), pc.data(), x.size());
+  EXPECT_EQ(pb, pc);
 
   dsp::SecondOrderIIRFilter copy = f;
   float one = 1.0f, a = 0.0f, b = 0.0f;

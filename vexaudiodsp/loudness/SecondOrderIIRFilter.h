@@ -43,6 +43,11 @@ class VEXAUDIODSP_API SecondOrderIIRFilter {
   /// after the other.
   static void ProcessCascade(SecondOrderIIRFilter& first, SecondOrderIIRFilter& second, const float* in, float* out,
                              std::size_t n);
+  /// ProcessCascade on two channels at once (channel c through first[c]
+  /// then second[c]), bit for bit: the four recursions interleave, which
+  /// nearly halves the time of a stereo pair.
+  static void ProcessCascadePair(SecondOrderIIRFilter* const first[2], SecondOrderIIRFilter* const second[2],
+                                 const float* const in[2], float* const out[2], std::size_t n);
 
  private:
   double w1_ = 0.0;

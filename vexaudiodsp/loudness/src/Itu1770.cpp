@@ -162,17 +162,36 @@ void Itu1770::Process(const float* const* channels, std::size_t frames) {
 
 void Itu1770::ProcessPiece(const float* const* channels, std::size_t frames) {
   const std::size_t count = channels_.size();
+  // Channels that are filtered this block, taken in pairs so that their
+  // recursions run interleaved.
+  Channel* pending = nullptr;
+  std::size_t pendingIndex = 0;
   for (std::size_t i = 0; i < count; ++i) {
     Channel& c = channels_[i];
     if (c.label == kLowFrequencyEffects) continue;
-    float* block = blockBuffers_[i].data() + fill_;
     if (channelsZero_.IsSet(static_cast<unsigned>(i % 64))) {
       vexaccelerate::utility::Zero(frames, c.scratch.data());
-      vexaccelerate::utility::Zero(frames, block);
+      vexaccelerate::utility::Zero(frames, blockBuffers_[i].data() + fill_);
       continue;
     }
-    SecondOrderIIRFilter::ProcessCascade(c.shelf, c.highPass, channels[i], c.scratch.data(), frames);
-    vexaccelerate::utility::Copy(frames, c.scratch.data(), block);
+    if (pending == nullptr) {
+      pending = &c;
+      pendingIndex = i;
+      continue;
+    }
+    SecondOrderIIRFilter* const first[2] = {&pending->shelf, &c.shelf};
+    SecondOrderIIRFilter* const second[2] = {&pending->highPass, &c.highPass};
+    const float* const in[2] = {channels[pendingIndex], channels[i]};
+    float* const out[2] = {pending->scratch.data(), c.scratch.data()};
+    SecondOrderIIRFilter::ProcessCascadePair(first, second, in, out, frames);
+    vexaccelerate::utility::Copy(frames, pending->scratch.data(), blockBuffers_[pendingIndex].data() + fill_);
+    vexaccelerate::utility::Copy(frames, c.scratch.data(), blockBuffers_[i].data() + fill_);
+    pending = nullptr;
+  }
+  if (pending != nullptr) {
+    SecondOrderIIRFilter::ProcessCascade(pending->shelf, pending->highPass, channels[pendingIndex],
+                                         pending->scratch.data(), frames);
+    vexaccelerate::utility::Copy(frames, pending->scratch.data(), blockBuffers_[pendingIndex].data() + fill_);
   }
   fill_ += frames;
   const std::size_t step = blockLength_ - overlap_;
