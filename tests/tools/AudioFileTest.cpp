@@ -12,6 +12,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -19,6 +20,7 @@
 #include <limits>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -464,6 +466,95 @@ TEST(ProgressLineTest, UnknownTotalShowsElapsedAudio) {
             "processing 1:02:05.0 of audio  372.5x real time");
   EXPECT_EQ(vexdsp::FormatProgressLine("measuring", 250, 1000, 48000.0, 3.0),
             "measuring [#######.......................]  25%  9 s left");
+}
+
+// What reaches users through the real binary.
+class AudioFileCliTest : public AudioFileTest {
+ protected:
+  struct RunResult {
+    int exitCode = -1;
+    std::string out, err;
+  };
+  RunResult Run(const std::string& command) const {
+    const fs::path out = dir_ / "stdout.txt", err = dir_ / "stderr.txt";
+    const std::string line = "cd '" + dir_.string() + "' && { " + command + "; } >'" + out.string() + "' 2>'" +
+                             err.string() + "' </dev/null";
+    const int status = std::system(line.c_str());
+    RunResult result{WIFEXITED(status) ? WEXITSTATUS(status) : -1, "", ""};
+    std::ifstream outFile(out), errFile(err);
+    result.out.assign(std::istreambuf_iterator<char>(outFile), std::istreambuf_iterator<char>());
+    result.err.assign(std::istreambuf_iterator<char>(errFile), std::istreambuf_iterator<char>());
+    return result;
+  }
+  void WriteFloat(const std::string& name, const std::vector<float>& interleaved, int channels) const {
+    SF_INFO info{0, 48000, channels, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, 0};
+    SNDFILE* file = sf_open(Path(name).c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr);
+    const sf_count_t frames = static_cast<sf_count_t>(interleaved.size()) / channels;
+    ASSERT_EQ(sf_writef_float(file, interleaved.data(), frames), frames);
+    sf_close(file);
+  }
+};
+
+// A stream of unknown length is processed to its real end, and the output
+// is a plain WAV again once it turned out to fit.
+TEST_F(AudioFileCliTest, ProcessReadsAStreamFromStandardInput) {
+  std::vector<int> codes(2 * 100000);
+  for (std::size_t i = 0; i < codes.size(); ++i) codes[i] = static_cast<int>((i * 2654435761u % 65536u) << 16);
+  SF_INFO info{0, 48000, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
+  SNDFILE* file = sf_open(Path("in.wav").c_str(), SFM_WRITE, &info);
+  ASSERT_NE(file, nullptr);
+  sf_writef_int(file, codes.data(), 100000);
+  sf_close(file);
+
+  const RunResult result = Run("sox in.wav -t wav - | '" VEXDSP_BINARY "' process - out.wav gain");
+  ASSERT_EQ(result.exitCode, 0) << result.err;
+  SF_INFO outInfo{};
+  EXPECT_EQ(ReadInts("out.wav", &outInfo), codes);
+  EXPECT_EQ(outInfo.format & SF_FORMAT_SUBMASK, SF_FORMAT_PCM_16);
+  char magic[5] = {};
+  std::ifstream(Path("out.wav"), std::ios::binary).read(magic, 4);
+  EXPECT_STREQ(magic, "RIFF");
+  EXPECT_EQ(result.err, "");
+}
+
+TEST_F(AudioFileCliTest, NonFiniteSamplesAreReportedNotHidden) {
+  std::vector<float> audio(2 * 4800, 0.25f);
+  audio[2 * 10] = kNan;
+  audio[2 * 20] = kInf;
+  audio[2 * 30 + 1] = -kInf;
+  audio[2 * 40 + 1] = 1.5f;
+  WriteFloat("nan.wav", audio, 2);
+
+  RunResult result = Run("'" VEXDSP_BINARY "' info nan.wav");
+  ASSERT_EQ(result.exitCode, 0) << result.err;
+  std::istringstream lines(result.out);
+  std::vector<std::vector<double>> rows;
+  for (std::string line; std::getline(lines, line);) {
+    int ch = 0;
+    double peakDb = 0, peakLinear = 0, rmsDb = 0, nonFinite = 0;
+    if (std::sscanf(line.c_str(), "%d %lf %lf %lf %lf", &ch, &peakDb, &peakLinear, &rmsDb, &nonFinite) == 5) {
+      rows.push_back({peakLinear, rmsDb, nonFinite});
+    }
+  }
+  ASSERT_EQ(rows.size(), 2u) << result.out;
+  EXPECT_EQ(rows[0], (std::vector<double>{0.25, -12.04, 2.0}));  // 20 log10(0.25) = -12.04
+  EXPECT_EQ(rows[1][0], 1.5);
+  EXPECT_EQ(rows[1][2], 1.0);
+  result = Run("'" VEXDSP_BINARY "' info --json nan.wav");
+  EXPECT_NE(result.out.find("\"non_finite\":[2,1]"), std::string::npos) << result.out;
+
+  result = Run("'" VEXDSP_BINARY "' process nan.wav out.wav gain --format pcm16");
+  ASSERT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(result.err,
+            "vexdsp: warning: 3 non-finite samples (NaN written as 0, infinities as full scale) and 1 clipped "
+            "samples\n");
+  const std::vector<int> ints = ReadInts("out.wav");
+  ASSERT_EQ(ints.size(), audio.size());
+  EXPECT_EQ(ints[2 * 10], 0);
+  EXPECT_EQ(ints[2 * 20] >> 16, 32767);
+  EXPECT_EQ(ints[2 * 30 + 1] >> 16, -32768);
+  EXPECT_EQ(ints[2 * 40 + 1] >> 16, 32767);
 }
 
 }  // namespace
