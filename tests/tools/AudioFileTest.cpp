@@ -254,6 +254,11 @@ TEST_F(AudioFileTest, ContainerFollowsTheDeclaredLength) {
   EXPECT_LE(wavLimit * 4 + 44, std::int64_t(UINT32_MAX));
   EXPECT_GT(wavLimit * 4, std::int64_t(UINT32_MAX) - (std::int64_t(4) << 20));
   EXPECT_EQ(vexdsp::GetMaxFrames(SF_FORMAT_RF64 | SF_FORMAT_PCM_16, 2), -1);
+  EXPECT_EQ(choose("a.wav", wav16, wavLimit), wav16);
+  EXPECT_EQ(choose("a.wav", wav16, wavLimit + 1), SF_FORMAT_RF64 | SF_FORMAT_PCM_16);
+  const std::int64_t aiffLimit = vexdsp::GetMaxFrames(SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 2);
+  EXPECT_EQ(choose("a.aif", wav16, aiffLimit), SF_FORMAT_AIFF | SF_FORMAT_PCM_16);
+  EXPECT_THROW(choose("a.aif", wav16, aiffLimit + 1), CliError);
 
   // An RF64 .wav that fits is written as a plain (extensible) RIFF WAV.
   WriteFile("small.wav", choose("small.wav", wav16, -1), {std::vector<float>(480, 0.25f)});
