@@ -512,7 +512,11 @@ TEST_F(AudioFileCliTest, ProcessReadsAStreamFromStandardInput) {
   sf_writef_int(file, codes.data(), 100000);
   sf_close(file);
 
-  const RunResult result = Run("sox in.wav -t wav - | '" VEXDSP_BINARY "' process - out.wav gain");
+  // Through raw PCM, sox cannot know the length and writes its placeholder
+  // header (536869888 frames), as it does for any input of unknown length.
+  const RunResult result =
+      Run("sox in.wav -t raw - | sox -t raw -r 48000 -e signed -b 16 -c 2 - -t wav - | '" VEXDSP_BINARY
+          "' process - out.wav gain");
   ASSERT_EQ(result.exitCode, 0) << result.err;
   SF_INFO outInfo{};
   EXPECT_EQ(ReadInts("out.wav", &outInfo), codes);
@@ -520,7 +524,7 @@ TEST_F(AudioFileCliTest, ProcessReadsAStreamFromStandardInput) {
   char magic[5] = {};
   std::ifstream(Path("out.wav"), std::ios::binary).read(magic, 4);
   EXPECT_STREQ(magic, "RIFF");
-  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.err.find("vexdsp"), std::string::npos) << result.err;  // sox warns, we do not
 }
 
 TEST_F(AudioFileCliTest, NonFiniteSamplesAreReportedNotHidden) {
