@@ -30,7 +30,7 @@ void FillNoise(AudioBuffer& b, std::uint32_t seed) {
 }
 
 // Sees the held block, to check the layout against it.
-class InspectedBuffer : public AudioBuffer {
+class ExposedBuffer : public AudioBuffer {
  public:
   std::uintptr_t BlockStart() const { return reinterpret_cast<std::uintptr_t>(storage_.Get()); }
   std::uintptr_t BlockEnd() const { return BlockStart() + storage_.GetByteCount(); }
@@ -39,7 +39,7 @@ class InspectedBuffer : public AudioBuffer {
 // Every channel starts on a cache line, after the pointer table, and its
 // capacity plus 4 spare floats lies inside the block without touching the
 // next channel.
-void ExpectLayoutInsideTheBlock(const InspectedBuffer& b) {
+void ExpectLayoutInsideTheBlock(const ExposedBuffer& b) {
   const std::uintptr_t table = reinterpret_cast<std::uintptr_t>(b.GetFloatBuffers());
   EXPECT_EQ(table, b.BlockStart());
   std::uintptr_t previousEnd = table + b.GetNumChannels() * sizeof(float*);
@@ -53,7 +53,7 @@ void ExpectLayoutInsideTheBlock(const InspectedBuffer& b) {
 }
 
 TEST(AudioBufferStorage, InitReusesTheBlockWhileItFits) {
-  InspectedBuffer b;
+  ExposedBuffer b;
   b.Init(2, 887);
   float** table = b.GetFloatBuffers();
   ExpectLayoutInsideTheBlock(b);
