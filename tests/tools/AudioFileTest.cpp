@@ -261,8 +261,11 @@ TEST_F(AudioFileTest, ContainerFollowsTheDeclaredLength) {
   EXPECT_THROW(choose("a.aif", wav16, aiffLimit + 1), CliError);
 
   // An RF64 .wav that fits is written as a plain (extensible) RIFF WAV.
-  WriteFile("small.wav", choose("small.wav", wav16, -1), {std::vector<float>(480, 0.25f)});
-  EXPECT_EQ(ReadInts("small.wav").size(), 480u);
+  AudioFileWriter* writer = nullptr;
+  WriteFile("small.wav", choose("small.wav", wav16, -1), {std::vector<float>(480, 0.25f)}, &writer);
+  SF_INFO info{};
+  EXPECT_EQ(ReadInts("small.wav", &info).size(), 480u);
+  EXPECT_EQ(writer->GetFormat(), info.format);
   char magic[5] = {};
   std::ifstream(Path("small.wav"), std::ios::binary).read(magic, 4);
   EXPECT_STREQ(magic, "RIFF");
@@ -525,6 +528,15 @@ TEST_F(AudioFileCliTest, ProcessReadsAStreamFromStandardInput) {
   std::ifstream(Path("out.wav"), std::ios::binary).read(magic, 4);
   EXPECT_STREQ(magic, "RIFF");
   EXPECT_EQ(result.err.find("vexdsp"), std::string::npos) << result.err;  // sox warns, we do not
+  // The report names the container the file ended up in.
+  EXPECT_NE(result.out.find("out    out.wav: WAVEX (Microsoft), Signed 16 bit PCM, 2 ch, 48000 Hz, 100000 frames"),
+            std::string::npos)
+      << result.out;
+
+  const RunResult measured =
+      Run("sox in.wav -t raw - | sox -t raw -r 48000 -e signed -b 16 -c 2 - -t wav - | '" VEXDSP_BINARY "' info -");
+  ASSERT_EQ(measured.exitCode, 0) << measured.err;
+  EXPECT_NE(measured.out.find("frames    100000\n"), std::string::npos) << measured.out;
 }
 
 TEST_F(AudioFileCliTest, NonFiniteSamplesAreReportedNotHidden) {

@@ -449,7 +449,7 @@ AudioFileWriter::AudioFileWriter(const std::string& path, int format, int numCha
     throw CliError("cannot write '" + path + "': " + message);
   }
   if ((format & SF_FORMAT_TYPEMASK) == SF_FORMAT_RF64 && LowerExtension(path) == ".wav") {
-    sf_command(file_, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
+    downgradable_ = sf_command(file_, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE) == SF_TRUE;
   }
   if (!channelMap.empty() && channelMap.size() == static_cast<std::size_t>(numChannels)) {
     // Best effort: not every container stores a map.
@@ -632,6 +632,11 @@ void AudioFileWriter::Commit() {
   ReleaseGuard(guardSlot_);
   guardSlot_ = -1;
   committed_ = true;
+  // libsndfile's fallback keeps the extensible format chunk of its RF64.
+  const int riff = SF_FORMAT_WAVEX | (format_ & SF_FORMAT_SUBMASK);
+  if (downgradable_ && framesWritten_ <= GetMaxFrames(riff, numChannels_)) {
+    format_ = riff;
+  }
 }
 
 void AudioFileWriter::Discard() noexcept {

@@ -133,6 +133,8 @@ class AudioFileWriter {
   void Write(const float* const* planar, int numFrames);
   void Commit();
 
+  /// The format being written; after Commit, the one the file ended up in
+  /// (an RF64 .wav that fits has become a RIFF WAV).
   int GetFormat() const { return format_; }
   std::int64_t GetNumFramesWritten() const { return framesWritten_; }
   /// NaN and infinite samples given to Write, per channel and in total.
@@ -158,6 +160,7 @@ class AudioFileWriter {
   int guardSlot_ = -1;
   SNDFILE* file_ = nullptr;
   bool committed_ = false;
+  bool downgradable_ = false;
   std::int64_t framesWritten_ = 0;
   std::int64_t clipped_ = 0;
   std::vector<std::int64_t> nonFinite_;

@@ -37,8 +37,9 @@ class ProcessCommand final : public Command {
  public:
   void Configure(CLI::App& app) override {
     app.add_option("IN", input_, "Input sound file ('-' reads standard input)")->required();
-    app.add_option("OUT", output_,
-                   "Output sound file; .wav, .w64, .rf64, .flac, .aif or .aiff picks the container. Written only on success.")
+    app.add_option(
+           "OUT", output_,
+           "Output sound file; .wav, .w64, .rf64, .flac, .aif or .aiff picks the container. Written only on success.")
         ->required();
     app.add_option("EFFECT", effects_,
                    "One or more effects, run in order, each as name:key=value,key=value or a bare name for the "
@@ -102,7 +103,8 @@ class ProcessCommand final : public Command {
     if (tail > 0) {
       std::printf("tail   %lld frames appended\n", static_cast<long long>(tail));
     }
-    std::printf("out    %s: %s\n", output_.c_str(), DescribeStream(format, channels, rate, written).c_str());
+    std::printf("out    %s: %s\n", output_.c_str(),
+                DescribeStream(writer.GetFormat(), channels, rate, written).c_str());
     if (!note.empty()) {
       std::printf("note   %s\n", note.c_str());
     }
