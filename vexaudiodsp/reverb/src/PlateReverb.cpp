@@ -1,0 +1,376 @@
+#include "vexaudiodsp/reverb/PlateReverb.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "vexaccelerate/Denormals.h"
+#include "vexaccelerate/Utility.h"
+#include "vexaudiodsp/filters/BiquadDesigns.h"
+
+namespace dsp {
+namespace PlateReverb {
+namespace {
+
+namespace vu = vexaccelerate::utility;
+
+constexpr float kInputGain = 0.015f;
+constexpr float kAllPassFeedback = 0.5f;
+constexpr float kDampingScale = 0.4f;
+
+float CombFeedback(float roomSize) { return 0.28f * roomSize + 0.7f; }
+
+// Milliseconds to samples, half away from zero; never negative.
+std::size_t MsToSamples(double ms, double rate) {
+  const double samples = ms * rate / 1000.0;
+  if (!(samples > 0.0)) return 0;
+  return static_cast<std::size_t>(std::min(samples + 0.5, 1e9));
+}
+
+void ResizeAndClear(std::vector<float>& buffer, std::uint32_t& index, unsigned int size) {
+  buffer.resize(size, 0.0f);
+  vu::Zero(buffer.size(), buffer.data());
+  if (index >= size) index = 0;
+}
+
+}  // namespace
+
+constexpr unsigned int PlateReverb::kCombLengths[];
+constexpr unsigned int PlateReverb::kAllPassLengths[];
+
+Comb::Comb(unsigned int size) : buffer_(size, 0.0f) {}
+
+void Comb::SetBufferSize(unsigned int size) { ResizeAndClear(buffer_, index_, size); }
+
+void Comb::Reset() {
+  lowpassState_ = 0.0f;
+  lowState_ = 0.0f;
+  vu::Zero(buffer_.size(), buffer_.data());
+}
+
+void Comb::SetDampingHF(float d) {
+  dampingHF_ = d;
+  dampingHFComplement_ = 1.0f - d;
+}
+
+// Runs in stretches that end at the wrap point, so the inner loop has no
+// index test.
+void Comb::ProcessBlockAdd(unsigned int frames, const float* input, float* acc) {
+  const auto length = static_cast<std::uint32_t>(buffer_.size());
+  if (length == 0) return;
+  float* line = buffer_.data();
+  std::uint32_t index = index_;
+  float lowpass = lowpassState_;
+  float low = lowState_;
+  const float hfComplement = dampingHFComplement_;
+  const float lf = dampingLF_;
+  const float feedback = feedback_;
+  while (frames > 0) {
+    const std::uint32_t run = std::min<std::uint32_t>(frames, length - index);
+    float* p = line + index;
+    for (std::uint32_t n = 0; n < run; ++n) {
+      const float y = p[n];
+      p[n] = Feed(input[n], y, lowpass, low, hfComplement, lf, feedback);
+      acc[n] += y;
+    }
+    index += run;
+    if (index == length) index = 0;
+    input += run;
+    acc += run;
+    frames -= run;
+  }
+  index_ = index;
+  lowpassState_ = lowpass;
+  lowState_ = low;
+}
+
+AllPass::AllPass(unsigned int size) : buffer_(size, 0.0f) {}
+
+void AllPass::SetBufferSize(unsigned int size) { ResizeAndClear(buffer_, index_, size); }
+
+void AllPass::Reset() { vu::Zero(buffer_.size(), buffer_.data()); }
+
+void AllPass::ProcessBlock(unsigned int frames, float* data) {
+  const auto length = static_cast<std::uint32_t>(buffer_.size());
+  if (length == 0) {
+    for (unsigned int n = 0; n < frames; ++n) data[n] = -data[n];
+    return;
+  }
+  float* line = buffer_.data();
+  std::uint32_t index = index_;
+  const float feedback = feedback_;
+  while (frames > 0) {
+    const std::uint32_t run = std::min<std::uint32_t>(frames, length - index);
+    float* p = line + index;
+    for (std::uint32_t n = 0; n < run; ++n) {
+      const float x = data[n];
+      const float y = p[n];
+      p[n] = feedback * y + x;
+      data[n] = y - x;
+    }
+    index += run;
+    if (index == length) index = 0;
+    data += run;
+    frames -= run;
+  }
+  index_ = index;
+}
+
+void PlateReverb::AlignedFree::operator()(float* p) const { vu::Free(p); }
+
+PlateReverb::PlateReverb(float sampleRate, int channelCount)
+    : sampleRate_(sampleRate > 0.0f ? sampleRate : 48000.0f), channelCount_(std::max(channelCount, 0)) {
+  UpdateWetGains();
+  UpdateAudioConfig();
+}
+
+PlateReverb::~PlateReverb() = default;
+
+void PlateReverb::SetSampleRate(float sampleRate) {
+  if (sampleRate == sampleRate_ || !(sampleRate > 0.0f) || !std::isfinite(sampleRate)) return;
+  sampleRate_ = sampleRate;
+  UpdateAudioConfig();
+}
+
+void PlateReverb::SetChannelCount(int channelCount) {
+  channelCount_ = std::max(channelCount, 0);
+  UpdateAudioConfig();
+}
+
+void PlateReverb::SetMaxProcessingBlockSize(unsigned int frames) { EnsureWetCapacity(frames); }
+
+void PlateReverb::SetDryOutPercent(float percent) {
+  if (std::isnan(percent)) return;
+  dryOutPercent_ = percent;
+  dryGain_ = percent * 0.01f;
+}
+
+void PlateReverb::SetWetOutPercent(float percent) {
+  if (std::isnan(percent)) return;
+  wetOutPercent_ = percent;
+  UpdateWetGains();
+}
+
+void PlateReverb::SetWidth(float width) {
+  if (std::isnan(width)) return;
+  width_ = width;
+  UpdateWetGains();
+}
+
+void PlateReverb::UpdateWetGains() {
+  wet1_ = (0.5f + width_ * 0.5f) * wetOutPercent_ * 0.01f;
+  wet2_ = wetOutPercent_ * 0.01f * (0.5f - width_ * 0.5f);
+}
+
+void PlateReverb::SetRoomSize(float roomSize) {
+  if (std::isnan(roomSize)) return;
+  roomSize_ = roomSize;
+  for (auto& tank : combs_) {
+    for (auto& comb : tank) comb->SetFeedback(CombFeedback(roomSize));
+  }
+}
+
+void PlateReverb::SetDampingLF(float damping) {
+  if (std::isnan(damping)) return;
+  dampingLF_ = damping;
+  for (auto& tank : combs_) {
+    for (auto& comb : tank) comb->SetDampingLF(damping * kDampingScale);
+  }
+}
+
+void PlateReverb::SetDampingHF(float damping) {
+  if (std::isnan(damping)) return;
+  dampingHF_ = damping;
+  for (auto& tank : combs_) {
+    for (auto& comb : tank) comb->SetDampingHF(damping * kDampingScale);
+  }
+}
+
+void PlateReverb::SetReflectionsDelay(float ms) {
+  if (std::isnan(ms)) return;
+  reflectionsDelay_ = ms;
+  UpdateDelayLines();
+}
+
+// The lines were reserved for the longest delay at this rate, so sizing
+// them within that never allocates.
+void PlateReverb::UpdateDelayLines() {
+  reflectionIndex_ = 0;
+  const double ms = std::min(static_cast<double>(reflectionsDelay_), static_cast<double>(kMaxReflectionsDelayMs));
+  const std::size_t length = std::max<std::size_t>(1, MsToSamples(ms, sampleRate_));
+  for (auto& line : reflectionBuffers_) {
+    line.resize(std::min(length, std::max<std::size_t>(1, line.capacity())), 0.0f);
+    vu::Zero(line.size(), line.data());
+  }
+}
+
+unsigned int PlateReverb::GetReflectionsLength() const {
+  return reflectionBuffers_.empty() ? 0u : static_cast<unsigned int>(reflectionBuffers_.front().size());
+}
+
+void PlateReverb::SetLowCutoffFreq(float hz) {
+  if (std::isnan(hz)) return;
+  lowCutoffFreq_ = hz;
+  for (unsigned int ch = 0; ch < filters_.size(); ++ch) CalculateCutoffCoefficients(ch, false);
+}
+
+void PlateReverb::SetLowCutoffQ(float q) {
+  if (std::isnan(q)) return;
+  lowCutoffQ_ = q;
+  for (unsigned int ch = 0; ch < filters_.size(); ++ch) CalculateCutoffCoefficients(ch, false);
+}
+
+void PlateReverb::SetHighCutoffFreq(float hz) {
+  if (std::isnan(hz)) return;
+  highCutoffFreq_ = hz;
+  for (unsigned int ch = 0; ch < filters_.size(); ++ch) CalculateCutoffCoefficients(ch, true);
+}
+
+void PlateReverb::SetHighCutoffQ(float q) {
+  if (std::isnan(q)) return;
+  highCutoffQ_ = q;
+  for (unsigned int ch = 0; ch < filters_.size(); ++ch) CalculateCutoffCoefficients(ch, true);
+}
+
+// The running state is kept so that a cutoff sweep does not click.
+void PlateReverb::CalculateCutoffCoefficients(unsigned int channel, bool highCut) {
+  double c[6];
+  if (highCut) {
+    LowpassCoefficients(c, sampleRate_, highCutoffFreq_, highCutoffQ_);
+  } else {
+    HighpassCoefficients(c, sampleRate_, lowCutoffFreq_, lowCutoffQ_);
+  }
+  filters_[channel][highCut ? 1 : 0]->SetCoefficients(c, true);
+}
+
+const Comb& PlateReverb::GetComb(int channel, int index) const {
+  return *combs_[static_cast<std::size_t>(channel)][static_cast<std::size_t>(index)];
+}
+
+const AllPass& PlateReverb::GetAllPass(int channel, int index) const {
+  return *allPasses_[static_cast<std::size_t>(channel)][static_cast<std::size_t>(index)];
+}
+
+// Everything is built anew, so the tail is gone. The reflections lines are
+// sized here too (from the stored delay), so the object can run at once
+// after a rebuild.
+void PlateReverb::UpdateAudioConfig() {
+  const auto channels = static_cast<std::size_t>(channelCount_);
+  filters_.assign(channels, {});
+  combs_.assign(channels, {});
+  allPasses_.assign(channels, {});
+  for (std::size_t ch = 0; ch < channels; ++ch) {
+    const auto spread = static_cast<unsigned int>(ch) * kChannelSpread;
+    filters_[ch] = {boost::shared_ptr<IIRFilter>(new IIRFilter(2, nullptr, 1)),
+                    boost::shared_ptr<IIRFilter>(new IIRFilter(2, nullptr, 1))};
+    CalculateCutoffCoefficients(static_cast<unsigned int>(ch), false);
+    CalculateCutoffCoefficients(static_cast<unsigned int>(ch), true);
+    for (unsigned int length : kCombLengths) {
+      boost::shared_ptr<Comb> comb(new Comb(length + spread));
+      comb->SetFeedback(CombFeedback(roomSize_));
+      comb->SetDampingLF(dampingLF_ * kDampingScale);
+      comb->SetDampingHF(dampingHF_ * kDampingScale);
+      combs_[ch].push_back(comb);
+    }
+    for (unsigned int length : kAllPassLengths) {
+      boost::shared_ptr<AllPass> allPass(new AllPass(length + spread));
+      allPass->SetFeedback(kAllPassFeedback);
+      allPasses_[ch].push_back(allPass);
+    }
+  }
+  reflectionBuffers_.assign(channels, {});
+  const std::size_t reserve = std::max<std::size_t>(1, MsToSamples(kMaxReflectionsDelayMs, sampleRate_));
+  for (auto& line : reflectionBuffers_) line.reserve(reserve);
+  UpdateDelayLines();
+
+  wetBuffers_.clear();
+  wetBuffers_.resize(channels);
+  inputBuffer_.reset();
+  const std::size_t wanted = std::max(wetCapacity_, static_cast<std::size_t>(sampleRate_));
+  wetCapacity_ = 0;
+  EnsureWetCapacity(wanted);
+}
+
+void PlateReverb::EnsureWetCapacity(std::size_t frames) {
+  if (frames <= wetCapacity_) return;
+  for (auto& buffer : wetBuffers_) buffer.reset(vu::Malloc_Float(frames));
+  inputBuffer_.reset(vu::Malloc_Float(frames));
+  wetCapacity_ = frames;
+}
+
+void PlateReverb::Reset() {
+  for (std::size_t ch = 0; ch < filters_.size(); ++ch) {
+    for (auto& filter : filters_[ch]) filter->Reset();
+    for (auto& comb : combs_[ch]) comb->Reset();
+    for (auto& allPass : allPasses_[ch]) allPass->Reset();
+  }
+  UpdateDelayLines();
+}
+
+// The tanks of different channels share only their input, so each channel's
+// tank runs over the whole block, comb after comb: every comb keeps its
+// state in registers for the block, and the sums are formed in the same
+// order as frame-by-frame processing would form them.
+void PlateReverb::ProcessInPlace(unsigned int frameCount, float* const* channels) {
+  const auto numChannels = static_cast<std::size_t>(channelCount_);
+  if (frameCount == 0 || numChannels == 0) return;
+  vexaccelerate::utility::ScopedFlushDenormals flush;
+  EnsureWetCapacity(frameCount);
+  const std::size_t n = frameCount;
+
+  float* input = inputBuffer_.get();
+  vu::Copy(n, channels[0], input);
+  for (std::size_t ch = 1; ch < numChannels; ++ch) vu::Add_InPlace(n, channels[ch], input);
+  vu::MulConstant_InPlace(n, input, kInputGain);
+
+  for (std::size_t ch = 0; ch < numChannels; ++ch) {
+    float* acc = wetBuffers_[ch].get();
+    vu::Zero(n, acc);
+    for (auto& comb : combs_[ch]) comb->ProcessBlockAdd(frameCount, input, acc);
+    for (auto& allPass : allPasses_[ch]) allPass->ProcessBlock(frameCount, acc);
+  }
+
+  const float wet1 = wet1_;
+  if (numChannels == 2) {
+    const float wet2 = wet2_;
+    float* a = wetBuffers_[0].get();
+    float* b = wetBuffers_[1].get();
+    for (std::size_t i = 0; i < n; ++i) {
+      const float left = wet1 * a[i] + wet2 * b[i];
+      const float right = wet1 * b[i] + wet2 * a[i];
+      a[i] = left;
+      b[i] = right;
+    }
+  } else {
+    for (std::size_t ch = 0; ch < numChannels; ++ch) vu::MulConstant_InPlace(n, wetBuffers_[ch].get(), wet1);
+  }
+
+  // Write, advance, then read: a line of N samples delays by N - 1.
+  const auto length = static_cast<std::uint32_t>(reflectionBuffers_[0].size());
+  std::uint32_t endIndex = reflectionIndex_;
+  for (std::size_t ch = 0; ch < numChannels; ++ch) {
+    float* line = reflectionBuffers_[ch].data();
+    float* wet = wetBuffers_[ch].get();
+    std::uint32_t index = reflectionIndex_;
+    if (length <= 1) {
+      line[0] = wet[n - 1];
+      continue;
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+      line[index] = wet[i];
+      if (++index == length) index = 0;
+      wet[i] = line[index];
+    }
+    endIndex = index;
+  }
+  reflectionIndex_ = endIndex;
+
+  for (std::size_t ch = 0; ch < numChannels; ++ch) filters_[ch][0]->ProcessInPlace(frameCount, wetBuffers_[ch].get());
+  for (std::size_t ch = 0; ch < numChannels; ++ch) filters_[ch][1]->ProcessInPlace(frameCount, wetBuffers_[ch].get());
+  for (std::size_t ch = 0; ch < numChannels; ++ch) {
+    vu::MulConstant_InPlace(n, channels[ch], dryGain_);
+    vu::Add_InPlace(n, wetBuffers_[ch].get(), channels[ch]);
+  }
+}
+
+}  // namespace PlateReverb
+}  // namespace dsp
