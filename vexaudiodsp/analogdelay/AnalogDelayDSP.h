@@ -115,6 +115,10 @@ class VEXAUDIODSP_API AnalogDelayDSP : public vexcore::utility::RefCountedObject
   void GetDelayValues(float& dryGain, float& wetGain, float& effectiveDelayMs, float& feedbackGain) const;
   /// The delay now in effect (gliding toward the target), in ms.
   float GetCurrentDelayMs() const { return currentDelayMs_; }
+  /// Gain of one trip round the feedback loop for small signals: feedback
+  /// times the slope of the mode's saturation at 0 (the line's low-pass has
+  /// unity gain at DC). Repeats decay when it is below 1.
+  float GetSmallSignalLoopGain() const;
   /// Line length L in samples.
   std::size_t GetLineLength() const { return lineLength_; }
   /// Peaks since the last call (input after the dry gain, wet output); clears both.

@@ -257,6 +257,16 @@ void AnalogDelayDSP::GetDelayValues(float& dryGain, float& wetGain, float& effec
   feedbackGain = feedbackGain_;
 }
 
+float AnalogDelayDSP::GetSmallSignalLoopGain() const {
+  float slope = 1.0f;  // mode 2: atan(|x|^p)^(1/p) ~ |x| near 0
+  if (distortionMode_ == 0) {
+    slope = kHalfPi * drive0_ * norm0_;
+  } else if (distortionMode_ == 1) {
+    slope = kHalfPi * drive1_ * norm1_ * postGain1_;
+  }
+  return std::fabs(feedbackGain_) * slope;
+}
+
 void AnalogDelayDSP::GetLevels(float& inputPeak, float& outputPeak) {
   inputPeak = inputPeak_;
   outputPeak = outputPeak_;
