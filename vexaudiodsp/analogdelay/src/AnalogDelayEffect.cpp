@@ -57,6 +57,8 @@ class AnalogDelayEffect final : public host::Effect {
         ParamDescriptor::Number("tempo", "Tempo", "bpm", 20.0, 300.0, 120.0, "tempo for sync"),
         ParamDescriptor::Integer("beats", "Beats per bar", "", 1, 16, 4, "bar length for the bar note values"),
     };
+    // The line holds 16 s per channel (12 MB per channel at 192 kHz).
+    info.io.maxSampleRate = 192000.0;
     info.note =
         "The first repeat comes round(delay * rate / 1000) + 1 samples after the input. Synced delays longer than "
         "16 s are held to 16 s.";
