@@ -13,6 +13,8 @@
 namespace dsp {
 namespace PlateReverb {
 
+class PlateReverb;
+
 /// A damped feedback comb: a delay line whose fed-back signal passes a
 /// one-pole low-pass (dampingHF slows it) and has a slowly tracked low band
 /// removed (dampingLF sets that tracker's speed, i.e. a one-pole high-pass
@@ -48,11 +50,9 @@ class VEXAUDIODSP_API Comb {
     return y;
   }
 
-  /// acc[n] += ProcessSample(input[n]) for n < frames, with the state held
-  /// in registers. Never allocates.
-  void ProcessBlockAdd(unsigned int frames, const float* input, float* acc);
-
  private:
+  friend class PlateReverb;
+
   // The loop filter: returns what goes back into the line for input x and
   // the value y just read.
   static float Feed(float x, float y, float& lowpass, float& low, float hfComplement, float lf, float feedback) {
@@ -94,10 +94,9 @@ class VEXAUDIODSP_API AllPass {
     return y - input;
   }
 
-  /// data[n] = ProcessSample(data[n]) for n < frames. Never allocates.
-  void ProcessBlock(unsigned int frames, float* data);
-
  private:
+  friend class PlateReverb;
+
   float feedback_ = 0.0f;
   std::vector<float> buffer_;
   std::uint32_t index_ = 0;
@@ -214,6 +213,7 @@ class VEXAUDIODSP_API PlateReverb : public vexcore::utility::RefCountedObject {
   void UpdateWetGains();
   void CalculateCutoffCoefficients(unsigned int channel, bool highCut);
   void EnsureWetCapacity(std::size_t frames);
+  void RunTank(std::size_t channel, unsigned int frames, const float* input, float* out);
 
   float sampleRate_;
   int channelCount_;
@@ -235,7 +235,10 @@ class VEXAUDIODSP_API PlateReverb : public vexcore::utility::RefCountedObject {
   std::vector<std::vector<boost::shared_ptr<AllPass>>> allPasses_;
   std::vector<std::vector<float>> reflectionBuffers_;
   std::uint32_t reflectionIndex_ = 0;
-  std::vector<std::vector<boost::shared_ptr<IIRFilter>>> filters_;
+  // Per channel one biquad cascade: section 0 the low cut (high-pass),
+  // section 1 the high cut (low-pass). One two-section filter runs both
+  // recursions interleaved, about twice as fast as two one-section filters.
+  std::vector<boost::shared_ptr<IIRFilter>> filters_;
   // Per channel the block's wet signal; it also serves as the tank's
   // accumulator. inputBuffer_ holds the block's mono tank input.
   std::vector<AlignedBuffer> wetBuffers_;

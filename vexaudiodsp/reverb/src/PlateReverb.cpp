@@ -52,68 +52,11 @@ void Comb::SetDampingHF(float d) {
   dampingHFComplement_ = 1.0f - d;
 }
 
-// Runs in stretches that end at the wrap point, so the inner loop has no
-// index test.
-void Comb::ProcessBlockAdd(unsigned int frames, const float* input, float* acc) {
-  const auto length = static_cast<std::uint32_t>(buffer_.size());
-  if (length == 0) return;
-  float* line = buffer_.data();
-  std::uint32_t index = index_;
-  float lowpass = lowpassState_;
-  float low = lowState_;
-  const float hfComplement = dampingHFComplement_;
-  const float lf = dampingLF_;
-  const float feedback = feedback_;
-  while (frames > 0) {
-    const std::uint32_t run = std::min<std::uint32_t>(frames, length - index);
-    float* p = line + index;
-    for (std::uint32_t n = 0; n < run; ++n) {
-      const float y = p[n];
-      p[n] = Feed(input[n], y, lowpass, low, hfComplement, lf, feedback);
-      acc[n] += y;
-    }
-    index += run;
-    if (index == length) index = 0;
-    input += run;
-    acc += run;
-    frames -= run;
-  }
-  index_ = index;
-  lowpassState_ = lowpass;
-  lowState_ = low;
-}
-
 AllPass::AllPass(unsigned int size) : buffer_(size, 0.0f) {}
 
 void AllPass::SetBufferSize(unsigned int size) { ResizeAndClear(buffer_, index_, size); }
 
 void AllPass::Reset() { vu::Zero(buffer_.size(), buffer_.data()); }
-
-void AllPass::ProcessBlock(unsigned int frames, float* data) {
-  const auto length = static_cast<std::uint32_t>(buffer_.size());
-  if (length == 0) {
-    for (unsigned int n = 0; n < frames; ++n) data[n] = -data[n];
-    return;
-  }
-  float* line = buffer_.data();
-  std::uint32_t index = index_;
-  const float feedback = feedback_;
-  while (frames > 0) {
-    const std::uint32_t run = std::min<std::uint32_t>(frames, length - index);
-    float* p = line + index;
-    for (std::uint32_t n = 0; n < run; ++n) {
-      const float x = data[n];
-      const float y = p[n];
-      p[n] = feedback * y + x;
-      data[n] = y - x;
-    }
-    index += run;
-    if (index == length) index = 0;
-    data += run;
-    frames -= run;
-  }
-  index_ = index;
-}
 
 void PlateReverb::AlignedFree::operator()(float* p) const { vu::Free(p); }
 
@@ -233,13 +176,15 @@ void PlateReverb::SetHighCutoffQ(float q) {
 
 // The running state is kept so that a cutoff sweep does not click.
 void PlateReverb::CalculateCutoffCoefficients(unsigned int channel, bool highCut) {
-  double c[6];
+  IIRFilter& filter = *filters_[channel];
+  double c[12];
+  filter.GetCoefficients(c);
   if (highCut) {
-    LowpassCoefficients(c, sampleRate_, highCutoffFreq_, highCutoffQ_);
+    LowpassCoefficients(c + 6, sampleRate_, highCutoffFreq_, highCutoffQ_);
   } else {
     HighpassCoefficients(c, sampleRate_, lowCutoffFreq_, lowCutoffQ_);
   }
-  filters_[channel][highCut ? 1 : 0]->SetCoefficients(c, true);
+  filter.SetCoefficients(c, true);
 }
 
 const Comb& PlateReverb::GetComb(int channel, int index) const {
@@ -255,13 +200,12 @@ const AllPass& PlateReverb::GetAllPass(int channel, int index) const {
 // after a rebuild.
 void PlateReverb::UpdateAudioConfig() {
   const auto channels = static_cast<std::size_t>(channelCount_);
-  filters_.assign(channels, {});
+  filters_.assign(channels, nullptr);
   combs_.assign(channels, {});
   allPasses_.assign(channels, {});
   for (std::size_t ch = 0; ch < channels; ++ch) {
     const auto spread = static_cast<unsigned int>(ch) * kChannelSpread;
-    filters_[ch] = {boost::shared_ptr<IIRFilter>(new IIRFilter(2, nullptr, 1)),
-                    boost::shared_ptr<IIRFilter>(new IIRFilter(2, nullptr, 1))};
+    filters_[ch] = boost::shared_ptr<IIRFilter>(new IIRFilter(2, nullptr, 2));
     CalculateCutoffCoefficients(static_cast<unsigned int>(ch), false);
     CalculateCutoffCoefficients(static_cast<unsigned int>(ch), true);
     for (unsigned int length : kCombLengths) {
@@ -299,17 +243,89 @@ void PlateReverb::EnsureWetCapacity(std::size_t frames) {
 
 void PlateReverb::Reset() {
   for (std::size_t ch = 0; ch < filters_.size(); ++ch) {
-    for (auto& filter : filters_[ch]) filter->Reset();
+    filters_[ch]->Reset();
     for (auto& comb : combs_[ch]) comb->Reset();
     for (auto& allPass : allPasses_[ch]) allPass->Reset();
   }
   UpdateDelayLines();
 }
 
-// The tanks of different channels share only their input, so each channel's
-// tank runs over the whole block, comb after comb: every comb keeps its
-// state in registers for the block, and the sums are formed in the same
-// order as frame-by-frame processing would form them.
+// One channel's tank over a block. The eight combs advance together, so
+// their independent recursions overlap in the pipeline; the state lives in
+// locals, and the block is cut into stretches in which no line wraps, so the
+// inner loop has no index tests. Sums form in the same order as calling
+// ProcessSample comb by comb.
+void PlateReverb::RunTank(std::size_t channel, unsigned int frames, const float* input, float* out) {
+  constexpr int kC = kNumCombs;
+  constexpr int kA = kNumAllPasses;
+  float* combLine[kC];
+  std::uint32_t combLength[kC], combIndex[kC];
+  float lowpass[kC], low[kC], hfComplement[kC], lf[kC], feedback[kC];
+  for (int i = 0; i < kC; ++i) {
+    Comb& c = *combs_[channel][static_cast<std::size_t>(i)];
+    combLine[i] = c.buffer_.data();
+    combLength[i] = static_cast<std::uint32_t>(c.buffer_.size());
+    combIndex[i] = c.index_;
+    lowpass[i] = c.lowpassState_;
+    low[i] = c.lowState_;
+    hfComplement[i] = c.dampingHFComplement_;
+    lf[i] = c.dampingLF_;
+    feedback[i] = c.feedback_;
+  }
+  float* apLine[kA];
+  std::uint32_t apLength[kA], apIndex[kA];
+  float apFeedback[kA];
+  for (int j = 0; j < kA; ++j) {
+    AllPass& a = *allPasses_[channel][static_cast<std::size_t>(j)];
+    apLine[j] = a.buffer_.data();
+    apLength[j] = static_cast<std::uint32_t>(a.buffer_.size());
+    apIndex[j] = a.index_;
+    apFeedback[j] = a.feedback_;
+  }
+  while (frames > 0) {
+    std::uint32_t run = frames;
+    for (int i = 0; i < kC; ++i) run = std::min(run, combLength[i] - combIndex[i]);
+    for (int j = 0; j < kA; ++j) run = std::min(run, apLength[j] - apIndex[j]);
+    float* cp[kC];
+    float* ap[kA];
+    for (int i = 0; i < kC; ++i) cp[i] = combLine[i] + combIndex[i];
+    for (int j = 0; j < kA; ++j) ap[j] = apLine[j] + apIndex[j];
+    for (std::uint32_t n = 0; n < run; ++n) {
+      const float x = input[n];
+      float acc = 0.0f;
+      for (int i = 0; i < kC; ++i) {
+        const float y = cp[i][n];
+        cp[i][n] = Comb::Feed(x, y, lowpass[i], low[i], hfComplement[i], lf[i], feedback[i]);
+        acc += y;
+      }
+      for (int j = 0; j < kA; ++j) {
+        const float y = ap[j][n];
+        ap[j][n] = apFeedback[j] * y + acc;
+        acc = y - acc;
+      }
+      out[n] = acc;
+    }
+    for (int i = 0; i < kC; ++i) {
+      combIndex[i] += run;
+      if (combIndex[i] == combLength[i]) combIndex[i] = 0;
+    }
+    for (int j = 0; j < kA; ++j) {
+      apIndex[j] += run;
+      if (apIndex[j] == apLength[j]) apIndex[j] = 0;
+    }
+    input += run;
+    out += run;
+    frames -= run;
+  }
+  for (int i = 0; i < kC; ++i) {
+    Comb& c = *combs_[channel][static_cast<std::size_t>(i)];
+    c.index_ = combIndex[i];
+    c.lowpassState_ = lowpass[i];
+    c.lowState_ = low[i];
+  }
+  for (int j = 0; j < kA; ++j) allPasses_[channel][static_cast<std::size_t>(j)]->index_ = apIndex[j];
+}
+
 void PlateReverb::ProcessInPlace(unsigned int frameCount, float* const* channels) {
   const auto numChannels = static_cast<std::size_t>(channelCount_);
   if (frameCount == 0 || numChannels == 0) return;
@@ -322,12 +338,7 @@ void PlateReverb::ProcessInPlace(unsigned int frameCount, float* const* channels
   for (std::size_t ch = 1; ch < numChannels; ++ch) vu::Add_InPlace(n, channels[ch], input);
   vu::MulConstant_InPlace(n, input, kInputGain);
 
-  for (std::size_t ch = 0; ch < numChannels; ++ch) {
-    float* acc = wetBuffers_[ch].get();
-    vu::Zero(n, acc);
-    for (auto& comb : combs_[ch]) comb->ProcessBlockAdd(frameCount, input, acc);
-    for (auto& allPass : allPasses_[ch]) allPass->ProcessBlock(frameCount, acc);
-  }
+  for (std::size_t ch = 0; ch < numChannels; ++ch) RunTank(ch, frameCount, input, wetBuffers_[ch].get());
 
   const float wet1 = wet1_;
   if (numChannels == 2) {
@@ -364,8 +375,7 @@ void PlateReverb::ProcessInPlace(unsigned int frameCount, float* const* channels
   }
   reflectionIndex_ = endIndex;
 
-  for (std::size_t ch = 0; ch < numChannels; ++ch) filters_[ch][0]->ProcessInPlace(frameCount, wetBuffers_[ch].get());
-  for (std::size_t ch = 0; ch < numChannels; ++ch) filters_[ch][1]->ProcessInPlace(frameCount, wetBuffers_[ch].get());
+  for (std::size_t ch = 0; ch < numChannels; ++ch) filters_[ch]->ProcessInPlace(frameCount, wetBuffers_[ch].get());
   for (std::size_t ch = 0; ch < numChannels; ++ch) {
     vu::MulConstant_InPlace(n, channels[ch], dryGain_);
     vu::Add_InPlace(n, wetBuffers_[ch].get(), channels[ch]);
