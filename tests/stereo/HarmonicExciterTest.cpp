@@ -159,12 +159,21 @@ TEST(HarmonicExciter, ChannelsNaNAndLongRuns) {
   EXPECT_EQ(exciter.GetMixPercent(), 100.0f);
   EXPECT_EQ(exciter.GetSampleRate(), 48000.0f);
 
+  // A moved-from exciter keeps no channels and so touches nothing.
   exciter.SetChannelCount(2);
+  std::vector<float> a(100, 0.5f), b(100, 0.25f);
+  float* ab[] = {a.data(), b.data()};
+  exciter.ProcessInPlace(100, ab);
+  const float kept = exciter.GetEnvelope(0);
+  HarmonicExciter moved(std::move(exciter));
+  EXPECT_EQ(moved.GetEnvelope(0), kept);
+  EXPECT_EQ(exciter.GetChannelCount(), 0);
+  exciter.ProcessInPlace(100, nullptr);
   for (unsigned mode : {0u, 1u, 2u}) {
-    exciter.SetMode(mode);
-    std::vector<float> l = vextest::Noise(48000 * 5, 7, 2.0), r(48000 * 5, 0.0f);
+    moved.SetMode(mode);
+    std::vector<float> l = vextest::Noise(48000 * 2, 7, 2.0), r(48000 * 2, 0.0f);
     float* p[] = {l.data(), r.data()};
-    exciter.ProcessInPlace(48000 * 5, p);
+    moved.ProcessInPlace(48000 * 2, p);
     for (float v : l) ASSERT_TRUE(std::isfinite(v)) << "mode " << mode;
   }
 }

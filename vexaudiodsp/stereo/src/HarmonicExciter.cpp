@@ -30,7 +30,25 @@ HarmonicExciter::HarmonicExciter(float sampleRate, int channelCount)
 }
 
 HarmonicExciter::HarmonicExciter(const HarmonicExciter& other) = default;
-HarmonicExciter::HarmonicExciter(HarmonicExciter&& other) noexcept = default;
+HarmonicExciter::HarmonicExciter(HarmonicExciter&& other) noexcept
+    : RefCountedInterface(),
+      RefCountedObject(other),
+      sampleRate_(other.sampleRate_),
+      channelCount_(other.channelCount_),
+      mode_(other.mode_),
+      amount_(other.amount_),
+      mix_(other.mix_),
+      driveGain_(other.driveGain_),
+      tapeScale_(other.tapeScale_),
+      tapeNormaliser_(other.tapeNormaliser_),
+      envelopeCoefficient_(other.envelopeCoefficient_),
+      tubeGain_(other.tubeGain_),
+      envelopes_(std::move(other.envelopes_)),
+      mixFraction_(other.mixFraction_),
+      tapeDrive_(other.tapeDrive_) {
+  // The moved-from object has no envelopes left, so it processes no channel.
+  other.channelCount_ = 0;
+}
 HarmonicExciter::~HarmonicExciter() = default;
 
 void HarmonicExciter::SetSampleRate(float sampleRate) {
