@@ -189,7 +189,7 @@ class VEXAUDIODSP_API PlateReverb : public vexcore::utility::RefCountedObject {
   float GetWet2() const { return wet2_; }
   /// Length of the reflections line in samples (N above).
   unsigned int GetReflectionsLength() const;
-  /// The tank elements of one channel, for inspection.
+  /// The tank elements of one channel, read-only (tests, displays).
   const Comb& GetComb(int channel, int index) const;
   const AllPass& GetAllPass(int channel, int index) const;
 
