@@ -1,7 +1,13 @@
 // The plate reverb beside the bare work it is made of: the same number of
 // damped comb and all-pass steps per sample and channel, written as one
 // plain loop with no filters, mixing or bookkeeping. The ratio is the
-// overhead of the class.
+// overhead of the class (below 1: the class runs its combs four to an SSE
+// vector, the bare loop one by one).
+//
+// The whole-command comparison is timed outside this program, on ten
+// minutes of stereo 48 kHz float noise:
+//   sox -n -r 48000 -c 2 -b 32 -e float x.wav synth 600 pinknoise
+//   time vexdsp process x.wav y.wav reverb;  time sox x.wav z.wav reverb
 
 #include <array>
 #include <cstdint>

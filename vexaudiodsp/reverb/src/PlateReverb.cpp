@@ -1,5 +1,7 @@
 #include "vexaudiodsp/reverb/PlateReverb.h"
 
+#include <xmmintrin.h>
+
 #include <algorithm>
 #include <cmath>
 
@@ -24,6 +26,52 @@ std::size_t MsToSamples(double ms, double rate) {
   const double samples = ms * rate / 1000.0;
   if (!(samples > 0.0)) return 0;
   return static_cast<std::size_t>(std::min(samples + 0.5, 1e9));
+}
+
+// The eight combs of a tank over a stretch in which no line wraps, as two
+// SSE vectors of four (SSE2 is part of every x86-64 CPU): the same
+// operations per lane as Comb's scalar loop filter, so the results are
+// identical, but one instruction serves four combs. The outputs are summed
+// in comb order.
+void RunCombs(std::uint32_t run, const float* input, float* const* line, float* lowpass, float* low, float hfComplement,
+              float lf, float feedback, float* out) {
+  float* const c0 = line[0];
+  float* const c1 = line[1];
+  float* const c2 = line[2];
+  float* const c3 = line[3];
+  float* const c4 = line[4];
+  float* const c5 = line[5];
+  float* const c6 = line[6];
+  float* const c7 = line[7];
+  __m128 lpA = _mm_loadu_ps(lowpass), lpB = _mm_loadu_ps(lowpass + 4);
+  __m128 loA = _mm_loadu_ps(low), loB = _mm_loadu_ps(low + 4);
+  const __m128 hf = _mm_set1_ps(hfComplement), slow = _mm_set1_ps(lf), fb = _mm_set1_ps(feedback);
+  alignas(16) float w[8];
+  for (std::uint32_t n = 0; n < run; ++n) {
+    const float y0 = c0[n], y1 = c1[n], y2 = c2[n], y3 = c3[n];
+    const float y4 = c4[n], y5 = c5[n], y6 = c6[n], y7 = c7[n];
+    const __m128 x = _mm_set1_ps(input[n]);
+    const __m128 yA = _mm_setr_ps(y0, y1, y2, y3), yB = _mm_setr_ps(y4, y5, y6, y7);
+    lpA = _mm_add_ps(lpA, _mm_mul_ps(_mm_sub_ps(yA, lpA), hf));
+    lpB = _mm_add_ps(lpB, _mm_mul_ps(_mm_sub_ps(yB, lpB), hf));
+    loA = _mm_add_ps(loA, _mm_mul_ps(_mm_sub_ps(lpA, loA), slow));
+    loB = _mm_add_ps(loB, _mm_mul_ps(_mm_sub_ps(lpB, loB), slow));
+    _mm_store_ps(w, _mm_add_ps(x, _mm_mul_ps(_mm_sub_ps(lpA, loA), fb)));
+    _mm_store_ps(w + 4, _mm_add_ps(x, _mm_mul_ps(_mm_sub_ps(lpB, loB), fb)));
+    c0[n] = w[0];
+    c1[n] = w[1];
+    c2[n] = w[2];
+    c3[n] = w[3];
+    c4[n] = w[4];
+    c5[n] = w[5];
+    c6[n] = w[6];
+    c7[n] = w[7];
+    out[n] = ((((((y0 + y1) + y2) + y3) + y4) + y5) + y6) + y7;
+  }
+  _mm_storeu_ps(lowpass, lpA);
+  _mm_storeu_ps(lowpass + 4, lpB);
+  _mm_storeu_ps(low, loA);
+  _mm_storeu_ps(low + 4, loB);
 }
 
 void ResizeAndClear(std::vector<float>& buffer, std::uint32_t& index, unsigned int size) {
@@ -250,17 +298,23 @@ void PlateReverb::Reset() {
   UpdateDelayLines();
 }
 
-// One channel's tank over a block. The eight combs advance together, so
-// their independent recursions overlap in the pipeline; the state lives in
-// locals, and the block is cut into stretches in which no line wraps, so the
-// inner loop has no index tests. Sums form in the same order as calling
-// ProcessSample comb by comb.
+// One channel's tank over a block, cut into stretches in which no line
+// wraps so that the inner loops have no index tests: the eight combs side by
+// side (RunCombs), then the four all-passes in series, with the state in
+// locals. Sums form in the same order as calling ProcessSample comb by comb.
 void PlateReverb::RunTank(std::size_t channel, unsigned int frames, const float* input, float* out) {
   constexpr int kC = kNumCombs;
   constexpr int kA = kNumAllPasses;
+  static_assert(kC == 8 && kA == 4, "the tank loops are written for eight combs and four all-passes");
   float* combLine[kC];
   std::uint32_t combLength[kC], combIndex[kC];
-  float lowpass[kC], low[kC], hfComplement[kC], lf[kC], feedback[kC];
+  float lowpass[kC], low[kC];
+  // The setters give every comb of the tank the same loop filter, so one
+  // copy of its settings serves all eight and stays in registers.
+  const Comb& first = *combs_[channel][0];
+  const float hfComplement = first.dampingHFComplement_;
+  const float lf = first.dampingLF_;
+  const float feedback = first.feedback_;
   for (int i = 0; i < kC; ++i) {
     Comb& c = *combs_[channel][static_cast<std::size_t>(i)];
     combLine[i] = c.buffer_.data();
@@ -268,9 +322,6 @@ void PlateReverb::RunTank(std::size_t channel, unsigned int frames, const float*
     combIndex[i] = c.index_;
     lowpass[i] = c.lowpassState_;
     low[i] = c.lowState_;
-    hfComplement[i] = c.dampingHFComplement_;
-    lf[i] = c.dampingLF_;
-    feedback[i] = c.feedback_;
   }
   float* apLine[kA];
   std::uint32_t apLength[kA], apIndex[kA];
@@ -290,20 +341,26 @@ void PlateReverb::RunTank(std::size_t channel, unsigned int frames, const float*
     float* ap[kA];
     for (int i = 0; i < kC; ++i) cp[i] = combLine[i] + combIndex[i];
     for (int j = 0; j < kA; ++j) ap[j] = apLine[j] + apIndex[j];
+    RunCombs(run, input, cp, lowpass, low, hfComplement, lf, feedback, out);
+    float* const a0 = ap[0];
+    float* const a1 = ap[1];
+    float* const a2 = ap[2];
+    float* const a3 = ap[3];
+    const float g0 = apFeedback[0], g1 = apFeedback[1], g2 = apFeedback[2], g3 = apFeedback[3];
     for (std::uint32_t n = 0; n < run; ++n) {
-      const float x = input[n];
-      float acc = 0.0f;
-      for (int i = 0; i < kC; ++i) {
-        const float y = cp[i][n];
-        cp[i][n] = Comb::Feed(x, y, lowpass[i], low[i], hfComplement[i], lf[i], feedback[i]);
-        acc += y;
-      }
-      for (int j = 0; j < kA; ++j) {
-        const float y = ap[j][n];
-        ap[j][n] = apFeedback[j] * y + acc;
-        acc = y - acc;
-      }
-      out[n] = acc;
+      float acc = out[n];
+      float y = a0[n];
+      a0[n] = g0 * y + acc;
+      acc = y - acc;
+      y = a1[n];
+      a1[n] = g1 * y + acc;
+      acc = y - acc;
+      y = a2[n];
+      a2[n] = g2 * y + acc;
+      acc = y - acc;
+      y = a3[n];
+      a3[n] = g3 * y + acc;
+      out[n] = y - acc;
     }
     for (int i = 0; i < kC; ++i) {
       combIndex[i] += run;
