@@ -377,6 +377,19 @@ TEST(AnalogDelay, ResetAndAllocation) {
   d.SetDelay(40.0f);
   EXPECT_NO_ALLOCATION(d.Reset());
   EXPECT_EQ(Pass(d, x, 512), fresh);
+  // Reset clears only what was written since the last clear; after the
+  // write side has gone round the whole line, that is all of it.
+  AnalogDelayDSP slow(1000.0f, 1, false, false);
+  slow.SetFeedback(90.0f);
+  slow.SetDelay(3000.0f);
+  slow.Reset();
+  const Planar y = Noise(1, 20000, 10);
+  const Planar first = Pass(slow, y, 4096);
+  for (std::size_t frames : {700u, 20000u}) {
+    Pass(slow, Noise(1, frames, 11), 999);
+    slow.Reset();
+    EXPECT_EQ(Pass(slow, y, 4096), first) << frames;
+  }
   EXPECT_NO_ALLOCATION(d.SetDistortionMode(2));
   EXPECT_NO_ALLOCATION(d.SetTrash(80.0f));
   EXPECT_NO_ALLOCATION(d.SetHostTempo(100.0f, 4.0f));

@@ -62,8 +62,9 @@ constexpr unsigned int kNumTempoSyncRatios = 22;
 ///
 /// Allocation: the constructor, SetSampleRate and SetChannelCount (one line
 /// of L floats per channel, about 3 MB per channel at 48 kHz). Setters,
-/// Reset and Process never allocate; with jumpOnDelayChange the delay
-/// setters clear the lines (O(L)). One thread at a time.
+/// Reset and Process never allocate. Reset (and, with jumpOnDelayChange, the
+/// delay setters) clear only what was written since the last clear, at most
+/// the whole line. One thread at a time.
 class VEXAUDIODSP_API AnalogDelayDSP : public vexcore::utility::RefCountedObject {
  public:
   using ChannelFlags = vexcore::utility::Flags<std::uint64_t>;
@@ -145,6 +146,7 @@ class VEXAUDIODSP_API AnalogDelayDSP : public vexcore::utility::RefCountedObject
   void UpdateWetDrive();
   void UpdateWetOutAdjust();
   void JumpToTarget();
+  void ClearLines();
   std::uint32_t DelaySamples(float ms) const;
 
   float sampleRate_;
@@ -192,7 +194,14 @@ class VEXAUDIODSP_API AnalogDelayDSP : public vexcore::utility::RefCountedObject
   float spread_ = 100.0f;
   float spreadGain_ = 1.0f;
   std::vector<std::unique_ptr<float, AlignedFree>> delayLines_;
+  // Plain views of the lines and filters for the sample loop.
+  std::vector<float*> lineViews_;
+  std::vector<IIRFilter*> filterViews_;
   std::size_t lineLength_ = 0;
+  // What was written since the lines were last cleared: from dirtyStart_ on,
+  // dirtyCount_ samples (at most L), so clearing touches only that.
+  std::size_t dirtyStart_ = 0;
+  std::size_t dirtyCount_ = 0;
   std::uint32_t writeIndex_ = 0;
   float readPosition_ = 0.0f;
 };

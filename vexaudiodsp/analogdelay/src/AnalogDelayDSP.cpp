@@ -74,8 +74,10 @@ void AnalogDelayDSP::UpdateAudioConfig() {
   wetOut_.assign(channelCount_, 0.0f);
   tap_.assign(channelCount_, 0.0f);
   filters_.clear();
+  filterViews_.clear();
   for (std::uint32_t ch = 0; ch < channelCount_; ++ch) {
     filters_.push_back(boost::shared_ptr<IIRFilter>(new IIRFilter(2, nullptr, 1)));
+    filterViews_.push_back(filters_.back().get());
   }
   ResizeDelayBuffers();
   if (distortionMode_ < 3) {
@@ -98,7 +100,14 @@ void AnalogDelayDSP::UpdateAudioConfig() {
 void AnalogDelayDSP::ResizeDelayBuffers() {
   lineLength_ = static_cast<std::size_t>(std::floor(kLineMs * 0.001 * sampleRate_ + 0.5)) + 1;
   delayLines_.clear();
-  for (std::uint32_t ch = 0; ch < channelCount_; ++ch) delayLines_.emplace_back(vu::Malloc_Float(lineLength_));
+  lineViews_.clear();
+  for (std::uint32_t ch = 0; ch < channelCount_; ++ch) {
+    delayLines_.emplace_back(vu::Malloc_Float(lineLength_));
+    lineViews_.push_back(delayLines_.back().get());
+    vu::Zero(lineLength_, lineViews_.back());
+  }
+  dirtyStart_ = 0;
+  dirtyCount_ = 0;
 }
 
 void AnalogDelayDSP::SetDryOutPercent(float percent) {
@@ -183,14 +192,25 @@ std::uint32_t AnalogDelayDSP::DelaySamples(float ms) const {
   return static_cast<std::uint32_t>(std::clamp(samples, 0.0, std::max(0.0, longest)));
 }
 
+// Only the stretch written since the last clear can be non-zero.
+void AnalogDelayDSP::ClearLines() {
+  const std::size_t first = std::min(dirtyCount_, lineLength_ - dirtyStart_);
+  for (float* line : lineViews_) {
+    vu::Zero(first, line + dirtyStart_);
+    vu::Zero(dirtyCount_ - first, line);
+  }
+  dirtyCount_ = 0;
+}
+
 void AnalogDelayDSP::JumpToTarget() {
-  for (auto& line : delayLines_) vu::Zero(lineLength_, line.get());
+  ClearLines();
   currentDelayMs_ = effectiveDelayMs_;
   previousDelayMs_ = effectiveDelayMs_;
   lfoCounter_ = 0;
   glideStepMs_ = 0.0f;
   readPosition_ = 0.0f;
   writeIndex_ = DelaySamples(effectiveDelayMs_) + 1;
+  dirtyStart_ = writeIndex_;
   for (auto& filter : filters_) filter->Reset();
 }
 
@@ -306,8 +326,11 @@ void AnalogDelayDSP::Process(const float* const* in, float** out, int frameCount
   float outputPeak = outputPeak_;
   float* wetOut = wetOut_.data();
   float* tap = tap_.data();
-
-  auto wrap = [length](std::int64_t i) { return i < 0 ? i + length : i >= length ? i - length : i; };
+  float* const* lines = lineViews_.data();
+  IIRFilter* const* filters = filterViews_.data();
+  // Bit c set: channel c bypassed (channels from 64 on cannot be).
+  const std::uint64_t bypassed = bypass.Get();
+  auto isBypassed = [bypassed](std::uint32_t c) { return c < 64 && ((bypassed >> c) & 1u) != 0; };
 
   for (int n = 0; n < frameCount; ++n) {
     double m = std::sin(static_cast<double>(lfoCounter) * lfoStep) * lfoDepth + readPosition;
@@ -316,9 +339,14 @@ void AnalogDelayDSP::Process(const float* const* in, float** out, int frameCount
     m = std::max(0.0, m);
     const auto i = static_cast<std::int64_t>(m);
     const auto f = static_cast<float>(m - static_cast<double>(i));
-    const std::int64_t im1 = wrap(i - 1), i0 = wrap(i), i1 = wrap(i + 1), i2 = wrap(i + 2);
+    // m < L + depth, so one correction brings every index into the line.
+    std::int64_t im1 = i - 1, i0 = i, i1 = i + 1, i2 = i + 2;
+    if (im1 < 0) im1 += length;
+    if (i0 >= length) i0 -= length;
+    if (i1 >= length) i1 -= length;
+    if (i2 >= length) i2 -= length;
     for (std::uint32_t c = 0; c < channels; ++c) {
-      const float* line = delayLines_[c].get();
+      const float* line = lines[c];
       const float ym1 = line[im1], y0 = line[i0], y1 = line[i1], y2 = line[i2];
       const float a = y2 - y1 - ym1 + y0;
       tap[c] = ((a * f + (ym1 - a - y0)) * f + (y1 - ym1)) * f + y0;
@@ -330,7 +358,7 @@ void AnalogDelayDSP::Process(const float* const* in, float** out, int frameCount
     if (readPosition > lastRead) readPosition -= lastRead;
 
     for (std::uint32_t c = 0; c < channels; ++c) {
-      if (bypass.IsSet(c)) continue;
+      if (isBypassed(c)) continue;
       const float x = feedback * tap[c] + in[c][n] * wetDrive;
       float s;
       switch (mode) {
@@ -355,7 +383,7 @@ void AnalogDelayDSP::Process(const float* const* in, float** out, int frameCount
           readPosition_ = readPosition;
           return;
       }
-      delayLines_[c].get()[writeIndex] = filters_[c]->ProcessSingle(s);
+      lines[c][writeIndex] = filters[c]->ProcessSingle(s);
     }
     if (++writeIndex == static_cast<std::uint32_t>(length)) writeIndex = 0;
 
@@ -366,7 +394,7 @@ void AnalogDelayDSP::Process(const float* const* in, float** out, int frameCount
       wetOut[1] = (w0 + w1 - d) * 0.5f;
     }
     for (std::uint32_t c = 0; c < channels; ++c) {
-      if (bypass.IsSet(c)) continue;
+      if (isBypassed(c)) continue;
       const float w = limit ? SoftLimit(wetOut[c]) : wetOut[c];
       wetOut[c] = w;
       const float x = in[c][n];
@@ -390,6 +418,7 @@ void AnalogDelayDSP::Process(const float* const* in, float** out, int frameCount
   writeIndex_ = writeIndex;
   readPosition_ = readPosition;
   currentDelayMs_ = current;
+  dirtyCount_ = std::min(lineLength_, dirtyCount_ + static_cast<std::size_t>(frameCount));
   inputPeak_ = inputPeak;
   outputPeak_ = outputPeak;
 }
