@@ -9,6 +9,7 @@
 #include "support/TestSignals.h"
 #include "vexaccelerate/Transform.h"
 #include "vexaudiodsp/resample/Resample.h"
+#include "vexaudiodsp/resample/ResampleConverter.h"
 
 namespace {
 
@@ -335,6 +336,41 @@ TEST(Resample, TablesAreSharedUntilPushedOutOfTheCache) {
   const std::vector<float> x = vextest::Noise(3000, 8);
   a.Reset();
   EXPECT_EQ(Convert(late, x), Convert(a, x)) << "a table kept alive after eviction still works";
+}
+
+}  // namespace
+
+namespace {
+
+TEST(MultiChannelResample, RefusesBadSettingsAndRendersAlignedChannels) {
+  dsp::MultiChannelResample c;
+  std::string error;
+  EXPECT_FALSE(c.Configure(0, 48000, 44100, dsp::ResampleQuality::kHigh, &error));
+  EXPECT_FALSE(c.Configure(2, 0.0, 44100, dsp::ResampleQuality::kHigh, &error));
+  EXPECT_FALSE(c.Configure(2, 48000, std::nan(""), dsp::ResampleQuality::kHigh, &error));
+  EXPECT_FALSE(c.Configure(2, 8000, 800000, dsp::ResampleQuality::kHigh, &error));
+  EXPECT_NE(error.find("96"), std::string::npos) << error;
+  dsp::ResampleQuality q;
+  EXPECT_TRUE(dsp::ParseResampleQuality("best", &q));
+  EXPECT_EQ(q, dsp::ResampleQuality::kBest);
+  EXPECT_FALSE(dsp::ParseResampleQuality("High", &q));
+
+  // An impulse per channel at different positions comes out at
+  // position * ratio in each channel: the latency is removed.
+  ASSERT_TRUE(c.Configure(3, 44100, 48000, dsp::ResampleQuality::kMedium, &error)) << error;
+  EXPECT_EQ(c.GetChannel(2).GetFilterOrder(), 127);
+  std::vector<std::vector<float>> in(3, std::vector<float>(4410, 0.0f));
+  const int at[3] = {441, 882, 2205};
+  for (int ch = 0; ch < 3; ++ch) in[ch][static_cast<std::size_t>(at[ch])] = 1.0f;
+  dsp::host::MemorySource source({in[0].data(), in[1].data(), in[2].data()}, 4410);
+  dsp::host::MemorySink sink(3);
+  EXPECT_EQ(dsp::host::RenderRateChange(c, 3, source, sink), 4800);
+  for (int ch = 0; ch < 3; ++ch) {
+    const std::vector<float>& y = sink.GetAudio()[static_cast<std::size_t>(ch)];
+    ASSERT_EQ(y.size(), 4800u);
+    const auto peak = std::max_element(y.begin(), y.end()) - y.begin();
+    EXPECT_EQ(peak, std::lround(at[ch] * 48000.0 / 44100.0)) << ch;
+  }
 }
 
 }  // namespace

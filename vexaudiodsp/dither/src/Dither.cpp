@@ -78,8 +78,8 @@ double CircleMean(const double* values) {
 // Carlson, so the curve is monotone wherever the points are and never leaves
 // the range they span.
 void SampleBezier(const double* points, int count, double* levels) {
-  double slope[Dither::kMaxCurvePoints];
-  double tangent[Dither::kMaxCurvePoints];
+  double slope[Dither::kMaxCurvePoints] = {};
+  double tangent[Dither::kMaxCurvePoints] = {};
   for (int i = 0; i + 1 < count; ++i) {
     const double dx = points[2 * i + 2] - points[2 * i];
     slope[i] = dx > 0.0 ? (points[2 * i + 3] - points[2 * i + 1]) / dx : 0.0;
