@@ -34,11 +34,12 @@ std::vector<float> RunOurs(const std::vector<float>& in) {
   dsp::Resample r;
   r.Initialize();
   std::vector<float> out(static_cast<std::size_t>(r.GetOutputBufferSize(static_cast<int>(in.size()))) + 8);
-  std::vector<float> input = in;
+  // Process reads its input only; the legacy signature lacks the const.
+  float* input = const_cast<float*>(in.data());
   std::size_t produced = 0;
   for (std::size_t done = 0; done < in.size(); done += kBlock) {
     const int n = static_cast<int>(std::min<std::size_t>(kBlock, in.size() - done));
-    produced += static_cast<std::size_t>(r.Process(input.data() + done, out.data() + produced, n));
+    produced += static_cast<std::size_t>(r.Process(input + done, out.data() + produced, n));
   }
   out.resize(produced);
   return out;
