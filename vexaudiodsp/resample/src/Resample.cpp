@@ -23,8 +23,6 @@ namespace vu = vexaccelerate::utility;
 // between the last phase and the next input sample read a real neighbour
 // instead of wrapping. Each row starts with paddedOrder - filterOrder zeros,
 // so a window ending at the newest input sample never reads ahead of it.
-// The float mirror is what the inner loop reads: float taps keep the
-// coefficient error near -150 dB, well below the stop band.
 struct ResampleTable {
   int sourceRate = 0;
   int destRate = 0;
@@ -34,15 +32,11 @@ struct ResampleTable {
   double nyquistShift = 0.0;
   double noiseFloor = 0.0;
   double* coefficients = nullptr;
-  float* taps = nullptr;
 
   ResampleTable() = default;
   ResampleTable(const ResampleTable&) = delete;
   ResampleTable& operator=(const ResampleTable&) = delete;
-  ~ResampleTable() {
-    vu::Free(coefficients);
-    vu::Free(taps);
-  }
+  ~ResampleTable() { vu::Free(coefficients); }
 
   bool Matches(const ResampleTable& key) const {
     return sourceRate == key.sourceRate && destRate == key.destRate && phaseCount == key.phaseCount &&
@@ -95,72 +89,69 @@ double BesselI0Series(double z) {
   return sum;
 }
 
-// Dot products of one window and one phase row, `n` a multiple of 8. Eight
-// or more float partial sums keep the accumulated rounding of a 256-tap product near -140 dB of full
-// scale, below the table's own error, at a quarter of the cost of the
-// double-precision vexaccelerate::utility::Dot, which dominated the
-// converter's time.
-float DotPortable(const float* a, const float* b, int n) {
-  float acc[8] = {};
+// Dot products of one float window and one double phase row, `n` a
+// multiple of 8. Double taps and sums keep the converter's own rounding
+// below -160 dB, so its spurs are those of the filter design; float taps
+// (tried first) left periodic coefficient rounding at -150 dBc, short of
+// the better peers. Samples are widened on load, which costs less than the
+// extra tap bandwidth.
+double DotPortable(const float* a, const double* b, int n) {
+  double acc[8] = {};
   for (int i = 0; i < n; i += 8) {
-    for (int j = 0; j < 8; ++j) acc[j] += a[i + j] * b[i + j];
+    for (int j = 0; j < 8; ++j) acc[j] += static_cast<double>(a[i + j]) * b[i + j];
   }
   return ((acc[0] + acc[4]) + (acc[1] + acc[5])) + ((acc[2] + acc[6]) + (acc[3] + acc[7]));
 }
 
 #ifdef VEX_RESAMPLE_X86
-__attribute__((target("avx2,fma"))) float DotAvx2(const float* a, const float* b, int n) {
-  // Four independent sums hide the FMA latency; a window of 256 taps is
-  // then bound by its loads.
-  __m256 s0 = _mm256_setzero_ps();
-  __m256 s1 = _mm256_setzero_ps();
-  __m256 s2 = _mm256_setzero_ps();
-  __m256 s3 = _mm256_setzero_ps();
+__attribute__((target("avx2,fma"))) double DotAvx2(const float* a, const double* b, int n) {
+  // Four independent sums hide the FMA latency.
+  __m256d s0 = _mm256_setzero_pd();
+  __m256d s1 = _mm256_setzero_pd();
+  __m256d s2 = _mm256_setzero_pd();
+  __m256d s3 = _mm256_setzero_pd();
   int i = 0;
-  for (; i + 32 <= n; i += 32) {
-    s0 = _mm256_fmadd_ps(_mm256_loadu_ps(a + i), _mm256_loadu_ps(b + i), s0);
-    s1 = _mm256_fmadd_ps(_mm256_loadu_ps(a + i + 8), _mm256_loadu_ps(b + i + 8), s1);
-    s2 = _mm256_fmadd_ps(_mm256_loadu_ps(a + i + 16), _mm256_loadu_ps(b + i + 16), s2);
-    s3 = _mm256_fmadd_ps(_mm256_loadu_ps(a + i + 24), _mm256_loadu_ps(b + i + 24), s3);
+  for (; i + 16 <= n; i += 16) {
+    s0 = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(a + i)), _mm256_loadu_pd(b + i), s0);
+    s1 = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(a + i + 4)), _mm256_loadu_pd(b + i + 4), s1);
+    s2 = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(a + i + 8)), _mm256_loadu_pd(b + i + 8), s2);
+    s3 = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(a + i + 12)), _mm256_loadu_pd(b + i + 12), s3);
   }
-  for (; i < n; i += 8) s0 = _mm256_fmadd_ps(_mm256_loadu_ps(a + i), _mm256_loadu_ps(b + i), s0);
-  const __m256 s = _mm256_add_ps(_mm256_add_ps(s0, s1), _mm256_add_ps(s2, s3));
-  __m128 q = _mm_add_ps(_mm256_castps256_ps128(s), _mm256_extractf128_ps(s, 1));
-  q = _mm_add_ps(q, _mm_movehl_ps(q, q));
-  q = _mm_add_ss(q, _mm_shuffle_ps(q, q, 0x55));
-  return _mm_cvtss_f32(q);
+  if (i < n) {
+    s0 = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(a + i)), _mm256_loadu_pd(b + i), s0);
+    s1 = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(a + i + 4)), _mm256_loadu_pd(b + i + 4), s1);
+  }
+  const __m256d s = _mm256_add_pd(_mm256_add_pd(s0, s1), _mm256_add_pd(s2, s3));
+  __m128d q = _mm_add_pd(_mm256_castpd256_pd128(s), _mm256_extractf128_pd(s, 1));
+  q = _mm_add_sd(q, _mm_unpackhi_pd(q, q));
+  return _mm_cvtsd_f64(q);
 }
 
-// Half the loads of the AVX2 kernel, which is load-bound at 256 taps.
-// GCC 12's own reduction helpers start from _mm256_undefined_pd, which its
+// Twice the width of the AVX2 kernel.
+// GCC 12's reduction helpers start from _mm256_undefined_pd, which its
 // -Wuninitialized flags inside the intrinsics header.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wuninitialized"
-__attribute__((target("avx512f,avx2,fma"))) float DotAvx512(const float* a, const float* b, int n) {
-  // Four chains of FMAs: at 256 taps each is four deep, so the loads, not
-  // the FMA latency, set the pace.
-  __m512 s0 = _mm512_setzero_ps();
-  __m512 s1 = _mm512_setzero_ps();
-  __m512 s2 = _mm512_setzero_ps();
-  __m512 s3 = _mm512_setzero_ps();
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+__attribute__((target("avx512f,avx2,fma"))) double DotAvx512(const float* a, const double* b, int n) {
+  __m512d s0 = _mm512_setzero_pd();
+  __m512d s1 = _mm512_setzero_pd();
+  __m512d s2 = _mm512_setzero_pd();
+  __m512d s3 = _mm512_setzero_pd();
   int i = 0;
-  for (; i + 64 <= n; i += 64) {
-    s0 = _mm512_fmadd_ps(_mm512_loadu_ps(a + i), _mm512_loadu_ps(b + i), s0);
-    s1 = _mm512_fmadd_ps(_mm512_loadu_ps(a + i + 16), _mm512_loadu_ps(b + i + 16), s1);
-    s2 = _mm512_fmadd_ps(_mm512_loadu_ps(a + i + 32), _mm512_loadu_ps(b + i + 32), s2);
-    s3 = _mm512_fmadd_ps(_mm512_loadu_ps(a + i + 48), _mm512_loadu_ps(b + i + 48), s3);
+  for (; i + 32 <= n; i += 32) {
+    s0 = _mm512_fmadd_pd(_mm512_cvtps_pd(_mm256_loadu_ps(a + i)), _mm512_loadu_pd(b + i), s0);
+    s1 = _mm512_fmadd_pd(_mm512_cvtps_pd(_mm256_loadu_ps(a + i + 8)), _mm512_loadu_pd(b + i + 8), s1);
+    s2 = _mm512_fmadd_pd(_mm512_cvtps_pd(_mm256_loadu_ps(a + i + 16)), _mm512_loadu_pd(b + i + 16), s2);
+    s3 = _mm512_fmadd_pd(_mm512_cvtps_pd(_mm256_loadu_ps(a + i + 24)), _mm512_loadu_pd(b + i + 24), s3);
   }
-  for (; i + 16 <= n; i += 16) s0 = _mm512_fmadd_ps(_mm512_loadu_ps(a + i), _mm512_loadu_ps(b + i), s0);
-  if (i < n) {
-    const __mmask16 low8 = 0x00FF;
-    s1 = _mm512_fmadd_ps(_mm512_maskz_loadu_ps(low8, a + i), _mm512_maskz_loadu_ps(low8, b + i), s1);
-  }
-  return _mm512_reduce_add_ps(_mm512_add_ps(_mm512_add_ps(s0, s1), _mm512_add_ps(s2, s3)));
+  for (; i < n; i += 8) s0 = _mm512_fmadd_pd(_mm512_cvtps_pd(_mm256_loadu_ps(a + i)), _mm512_loadu_pd(b + i), s0);
+  return _mm512_reduce_add_pd(_mm512_add_pd(_mm512_add_pd(s0, s1), _mm512_add_pd(s2, s3)));
 }
 #pragma GCC diagnostic pop
 #endif
 
-using DotKernel = float (*)(const float*, const float*, int);
+using DotKernel = double (*)(const float*, const double*, int);
 
 DotKernel ChooseDot() {
 #ifdef VEX_RESAMPLE_X86
@@ -352,8 +343,7 @@ bool Resample::Initialize() {
       const std::size_t rows = static_cast<std::size_t>(phaseCount_) + 1;
       const std::size_t size = rows * static_cast<std::size_t>(paddedOrder_);
       entry->coefficients = vu::Malloc_Double(size);
-      entry->taps = vu::Malloc_Float(size);
-      if (entry->coefficients == nullptr || entry->taps == nullptr) {
+      if (entry->coefficients == nullptr) {
         phaseCount_ = 0;
         return false;
       }
@@ -364,7 +354,6 @@ bool Resample::Initialize() {
         BuildTable(filterOrder_, static_cast<double>(row) / phaseCount_, cutoff,
                    entry->coefficients + row * paddedOrder_ + pad);
       }
-      vu::Convert(size, entry->coefficients, entry->taps);
       table_ = entry;
       AddToCache(entry);
     }
@@ -433,7 +422,7 @@ int Resample::ProcessInternal(float* in, float* out, int frames, bool interpolat
   float* const work = work_;
   vu::Copy(static_cast<std::size_t>(frames), in, work + padded);
 
-  const float* const taps = table_->taps;
+  const double* const taps = table_->coefficients;
   const DotKernel dot = kDot;
   const int phases = phaseCount_;
   long long position = nextInput_;
@@ -447,7 +436,7 @@ int Resample::ProcessInternal(float* in, float* out, int frames, bool interpolat
     int phase = static_cast<int>(phaseFraction_);
     while (position < frames) {
       const float* window = work + position + 1;
-      out[produced++] = dot(window, taps + phase * padded, padded);
+      out[produced++] = static_cast<float>(dot(window, taps + phase * padded, padded));
       position += whole;
       phase += rest;
       if (phase >= phases) {
@@ -463,7 +452,7 @@ int Resample::ProcessInternal(float* in, float* out, int frames, bool interpolat
       const float* window = work + position + 1;
       const int index = static_cast<int>(phase);
       const double alpha = phase - index;
-      const float* row = taps + static_cast<std::size_t>(index) * padded;
+      const double* row = taps + static_cast<std::size_t>(index) * padded;
       const double a = dot(window, row, padded);
       const double b = dot(window, row + padded, padded);
       out[produced++] = static_cast<float>(a + alpha * (b - a));
