@@ -9,6 +9,7 @@
 #include "Command.h"
 #include "Pipeline.h"
 #include "Progress.h"
+#include "Quantiser.h"
 
 namespace vexdsp {
 namespace {
@@ -27,6 +28,11 @@ class ProcessCommand final : public Command {
     app.add_option("--format", format_,
                    "Output sample format; 'keep' (the default) keeps the input's where the container allows it")
         ->check(CLI::IsMember({"keep", "float", "pcm16", "pcm24"}));
+    app.add_option("--bits", bits_, "Write integer PCM of this word length (16 or 24), quantised by the library");
+    app.add_option("--dither", dither_,
+                   "Dither for integer output: none (plain rounding), triangular (the default with --bits) or "
+                   "shaped (triangular with the standard noise-shaping curve); integer output without --bits is "
+                   "rounded unless this asks for more");
     app.add_option("--tail", tail_,
                    "Let the effects ring out after the input: 'auto' appends the chain's declared tail, a number "
                    "appends that many seconds; by default the output keeps the input's length");
@@ -49,20 +55,37 @@ class ProcessCommand final : public Command {
     const std::int64_t declared = reader.GetNumFrames();
 
     std::string note;
-    const SampleFormat requested = format_ == "float"   ? SampleFormat::kFloat
-                                   : format_ == "pcm16" ? SampleFormat::kPcm16
-                                   : format_ == "pcm24" ? SampleFormat::kPcm24
-                                                        : SampleFormat::kKeep;
+    SampleFormat requested = format_ == "float"   ? SampleFormat::kFloat
+                             : format_ == "pcm16" ? SampleFormat::kPcm16
+                             : format_ == "pcm24" ? SampleFormat::kPcm24
+                                                  : SampleFormat::kKeep;
+    if (bits_ != 0 && bits_ != 16 && bits_ != 24)
+      throw UsageError("--bits " + std::to_string(bits_) + " is not 16 or 24");
+    if (bits_ != 0) {
+      const SampleFormat fromBits = bits_ == 16 ? SampleFormat::kPcm16 : SampleFormat::kPcm24;
+      if (requested != SampleFormat::kKeep && requested != fromBits) {
+        throw UsageError("--bits " + std::to_string(bits_) + " contradicts --format " + format_);
+      }
+      requested = fromBits;
+    }
+    if (dither_.empty()) dither_ = bits_ != 0 ? "triangular" : "none";
+    CheckDitherMode(dither_);
     const int format = ChooseOutputFormat(output_, reader.GetFormat(), requested, channels, rate, &note);
     AudioFileWriter writer(output_, format, channels, rate, reader.GetChannelMap());
     FileSource source(reader);
-    FileSink sink(writer);
+    FileSink fileSink(writer);
+    std::unique_ptr<QuantisingSink> quantiser;
+    if (IntegerBits(format) != 0) {
+      quantiser = std::make_unique<QuantisingSink>(fileSink, channels, rate, IntegerBits(format), dither_,
+                                                   declared >= 0 ? declared + tail : -1);
+    }
+    dsp::host::FrameSink& sink = quantiser ? static_cast<dsp::host::FrameSink&>(*quantiser) : fileSink;
     Progress progress("processing", declared);
     const std::int64_t written = dsp::host::RenderProcess(chain->GetChain(), channels, source, sink, tail,
                                                           [&](std::int64_t done) { progress.Update(done); });
     progress.Finish();
     source.Check();
-    sink.Check();
+    fileSink.Check();
     if (written < 0) {
       throw CliError("processing failed");
     }
@@ -92,6 +115,8 @@ class ProcessCommand final : public Command {
   std::string output_;
   std::vector<std::string> effects_;
   std::string format_ = "keep";
+  int bits_ = 0;
+  std::string dither_;
   std::string tail_;
 };
 

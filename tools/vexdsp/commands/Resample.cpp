@@ -14,76 +14,12 @@
 #include "Command.h"
 #include "Pipeline.h"
 #include "Progress.h"
-#include "vexaudiodsp/dither/Dither.h"
+#include "Quantiser.h"
 #include "vexaudiodsp/host/Parameter.h"
 #include "vexaudiodsp/resample/ResampleConverter.h"
 
 namespace vexdsp {
 namespace {
-
-// Word length of an integer sample format, 0 for float and others.
-int IntegerBits(int sfFormat) {
-  switch (sfFormat & SF_FORMAT_SUBMASK) {
-    case SF_FORMAT_PCM_S8:
-    case SF_FORMAT_PCM_U8:
-      return 8;
-    case SF_FORMAT_PCM_16:
-      return 16;
-    case SF_FORMAT_PCM_24:
-      return 24;
-    default:
-      return 0;
-  }
-}
-
-// Puts every sample on the integer grid with dsp::Dither before the file
-// writer converts it, so the writer's own conversion is an exact scaling.
-// The last block is announced to the dither so the file ends on plain
-// rounding (digital silence stays zero).
-class QuantisingSink final : public dsp::host::FrameSink {
- public:
-  QuantisingSink(dsp::host::FrameSink& next, int numChannels, int rate, int bits, const std::string& mode,
-                 std::int64_t expectedFrames)
-      : next_(next), numChannels_(numChannels), expected_(expectedFrames) {
-    dither_.SetNumChannels(numChannels);
-    dither_.SetSampleRate(static_cast<float>(rate));
-    dither_.SetDitherToBits(bits);
-    if (mode == "none") {
-      dither_.SetDitheringType(dsp::kDitherNoPDF, dsp::kShapingNone, dsp::kAdaptiveOff);
-    } else if (mode == "shaped") {
-      dither_.SetDitheringType(dsp::kDitherTriangular, dsp::kShapingStandard, dsp::kAdaptiveOff);
-    } else {
-      dither_.SetDitheringType(dsp::kDitherTriangular, dsp::kShapingNone, dsp::kAdaptiveOff);
-    }
-    dither_.Initialize();
-    pointers_.resize(static_cast<std::size_t>(numChannels));
-    inputs_.resize(static_cast<std::size_t>(numChannels));
-  }
-
-  bool Write(const float* const* planar, int numFrames) override {
-    if (scratch_.size() < static_cast<std::size_t>(numFrames) * numChannels_) {
-      scratch_.resize(static_cast<std::size_t>(numFrames) * numChannels_);
-    }
-    for (int c = 0; c < numChannels_; ++c) {
-      pointers_[c] = scratch_.data() + static_cast<std::size_t>(c) * numFrames;
-      inputs_[c] = const_cast<float*>(planar[c]);
-    }
-    if (expected_ >= 0 && written_ + numFrames >= expected_) dither_.SetLastFrame();
-    dither_.Process(inputs_.data(), pointers_.data(), numFrames);
-    written_ += numFrames;
-    return next_.Write(pointers_.data(), numFrames);
-  }
-
- private:
-  dsp::host::FrameSink& next_;
-  int numChannels_;
-  std::int64_t expected_;
-  std::int64_t written_ = 0;
-  dsp::Dither dither_;
-  std::vector<float> scratch_;
-  std::vector<float*> pointers_;
-  std::vector<float*> inputs_;
-};
 
 class ResampleCommand final : public Command {
  public:
@@ -97,8 +33,9 @@ class ResampleCommand final : public Command {
         ->check(CLI::IsMember({"keep", "float", "pcm16", "pcm24"}));
     app.add_option("--bits", bits_, "Write integer PCM of this word length (16 or 24), quantised by the library");
     app.add_option("--dither", dither_,
-                   "Dither for integer output: none (plain rounding), triangular (the default) or shaped "
-                   "(triangular with the standard noise-shaping curve)");
+                   "Dither for integer output: none (plain rounding), triangular (the default with --bits) or "
+                   "shaped (triangular with the standard noise-shaping curve); integer output without --bits is "
+                   "rounded unless this asks for more");
     app.footer(
         "All channels are converted; the converter's delay is removed, so the output starts in time and has\n"
         "round(input frames x rate ratio) frames. Equal rates copy the audio unchanged.\n"
@@ -117,9 +54,8 @@ class ResampleCommand final : public Command {
     if (bits_ != 0 && bits_ != 16 && bits_ != 24) {
       throw UsageError("--bits " + std::to_string(bits_) + " is not 16 or 24");
     }
-    if (dither_ != "none" && dither_ != "triangular" && dither_ != "shaped") {
-      throw UsageError("--dither '" + dither_ + "' is not one of none, triangular, shaped");
-    }
+    if (dither_.empty()) dither_ = bits_ != 0 ? "triangular" : "none";
+    CheckDitherMode(dither_);
     SampleFormat requested = format_ == "float"   ? SampleFormat::kFloat
                              : format_ == "pcm16" ? SampleFormat::kPcm16
                              : format_ == "pcm24" ? SampleFormat::kPcm24
@@ -192,7 +128,7 @@ class ResampleCommand final : public Command {
   std::string quality_ = "high";
   std::string format_ = "keep";
   int bits_ = 0;
-  std::string dither_ = "triangular";
+  std::string dither_;
 };
 
 const CommandRegistration kResample{"resample", "Convert a sound file to another sample rate.",
