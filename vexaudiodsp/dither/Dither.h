@@ -114,11 +114,13 @@ struct DitherSettings {
 /// for each frame is designed from the frame before, so the output depends
 /// only on the past.
 ///
-/// Start and end: the first min(64, block) samples of a stream (none when
-/// fewer than 5) fade the dither and the feedback in linearly, so the first
-/// block starts without a step from digital silence; after SetLastFrame the
-/// last such samples of the next block fade them out, so a file ends on plain
-/// rounding: digital silence stays exactly zero.
+/// Start and end: dither and feedback fade in linearly over the first 64
+/// samples of a stream, whatever the block sizes (so the output does not
+/// depend on how a host splits it), starting from none: a stream starts
+/// without a step from digital silence. After SetLastFrame the last
+/// min(64, block) samples of the next block (none when fewer than 5) fade
+/// them out to none on the final sample, so a file ends on plain rounding
+/// and digital silence there stays exactly zero.
 ///
 /// Random streams are seeded deterministically (SetSeed, default 1; channel
 /// i uses seed + i), so a render repeats exactly.
