@@ -1,67 +1,66 @@
 #include "Quantiser.h"
 
-#include <sndfile.h>
+#include <CLI/CLI.hpp>
 
 #include "CliError.h"
 
 namespace vexdsp {
 
-int IntegerBits(int sfFormat) {
-  switch (sfFormat & SF_FORMAT_SUBMASK) {
-    case SF_FORMAT_PCM_S8:
-    case SF_FORMAT_PCM_U8:
-      return 8;
-    case SF_FORMAT_PCM_16:
-      return 16;
-    case SF_FORMAT_PCM_24:
-      return 24;
-    default:
-      return 0;
-  }
+void AddIntegerOutputOptions(CLI::App& app, int* bits, std::string* dither) {
+  app.add_option("--bits", *bits, "Write integer PCM of this word length (16 or 24), quantised by the library");
+  app.add_option("--dither", *dither,
+                 "Dither for integer output: none (plain rounding), triangular (the default with --bits) or shaped "
+                 "(triangular with the standard noise-shaping curve); integer output without --bits is rounded "
+                 "unless this asks for more");
 }
 
-void CheckDitherMode(const std::string& mode) {
+SampleFormat ApplyBits(int bits, const std::string& formatText, SampleFormat requested) {
+  if (bits == 0) return requested;
+  if (bits != 16 && bits != 24) throw UsageError("--bits " + std::to_string(bits) + " is not 16 or 24");
+  const SampleFormat fromBits = bits == 16 ? SampleFormat::kPcm16 : SampleFormat::kPcm24;
+  if (requested != SampleFormat::kKeep && requested != fromBits) {
+    throw UsageError("--bits " + std::to_string(bits) + " contradicts --format " + formatText);
+  }
+  return fromBits;
+}
+
+std::string ChooseDitherMode(int bits, const std::string& dither) {
+  const std::string mode = dither.empty() ? (bits != 0 ? "triangular" : "none") : dither;
   if (mode != "none" && mode != "triangular" && mode != "shaped") {
     throw UsageError("--dither '" + mode + "' is not one of none, triangular, shaped");
   }
+  return mode;
 }
 
-QuantisingSink::QuantisingSink(dsp::host::FrameSink& next, int numChannels, int sampleRate, int bits,
-                               const std::string& mode, std::int64_t expectedFrames)
-    : next_(next), numChannels_(numChannels), expected_(expectedFrames) {
+DitherQuantizer::DitherQuantizer(std::string mode, std::int64_t expectedFrames)
+    : mode_(std::move(mode)), expected_(expectedFrames) {}
+
+void DitherQuantizer::Prepare(int numChannels, double sampleRate, int bits) {
   if (numChannels > dsp::Dither::kMaxChannels) {
-    throw CliError("integer output is quantised for at most 32 channels; this stream has " +
-                   std::to_string(numChannels));
+    throw CliError("integer output is dithered for at most 32 channels; this stream has " +
+                   std::to_string(numChannels) + " (use --dither none)");
   }
+  dither_.Deinitialize();
   dither_.SetNumChannels(numChannels);
   dither_.SetSampleRate(static_cast<float>(sampleRate));
   dither_.SetDitherToBits(bits);
-  if (mode == "none") {
-    dither_.SetDitheringType(dsp::kDitherNoPDF, dsp::kShapingNone, dsp::kAdaptiveOff);
-  } else if (mode == "shaped") {
-    dither_.SetDitheringType(dsp::kDitherTriangular, dsp::kShapingStandard, dsp::kAdaptiveOff);
-  } else {
-    dither_.SetDitheringType(dsp::kDitherTriangular, dsp::kShapingNone, dsp::kAdaptiveOff);
-  }
+  dither_.SetDitheringType(dsp::kDitherTriangular, mode_ == "shaped" ? dsp::kShapingStandard : dsp::kShapingNone,
+                           dsp::kAdaptiveOff);
   dither_.Initialize();
-  outputs_.resize(static_cast<std::size_t>(numChannels));
-  inputs_.resize(static_cast<std::size_t>(numChannels));
+  pointers_.assign(static_cast<std::size_t>(numChannels), nullptr);
+  done_ = 0;
 }
 
-bool QuantisingSink::Write(const float* const* planar, int numFrames) {
-  const std::size_t frames = static_cast<std::size_t>(numFrames);
-  // Renderers hand out blocks of a fixed size, so this grows once.
-  if (scratch_.size() < frames * numChannels_) scratch_.resize(frames * numChannels_);
-  for (int c = 0; c < numChannels_; ++c) {
-    outputs_[c] = scratch_.data() + static_cast<std::size_t>(c) * frames;
-    // Dither::Process reads its input only; its legacy signature lacks the
-    // const.
-    inputs_[c] = const_cast<float*>(planar[c]);
-  }
-  if (expected_ >= 0 && written_ + numFrames >= expected_) dither_.SetLastFrame();
-  dither_.Process(inputs_.data(), outputs_.data(), numFrames);
-  written_ += numFrames;
-  return next_.Write(outputs_.data(), numFrames);
+void DitherQuantizer::Quantize(float* const* planar, int numFrames) {
+  for (std::size_t c = 0; c < pointers_.size(); ++c) pointers_[c] = planar[c];
+  if (expected_ >= 0 && done_ + numFrames >= expected_) dither_.SetLastFrame();
+  dither_.Process(pointers_.data(), pointers_.data(), numFrames);
+  done_ += numFrames;
+}
+
+std::shared_ptr<SampleQuantizer> MakeDitherQuantizer(const std::string& mode, std::int64_t expectedFrames) {
+  if (mode == "none") return nullptr;
+  return std::make_shared<DitherQuantizer>(mode, expectedFrames);
 }
 
 }  // namespace vexdsp

@@ -5,44 +5,52 @@
 #include <string>
 #include <vector>
 
+#include "AudioFile.h"
 #include "vexaudiodsp/dither/Dither.h"
-#include "vexaudiodsp/host/Render.h"
+
+namespace CLI {
+class App;
+}
 
 namespace vexdsp {
 
-/// Word length of a libsndfile integer sample format (8, 16, 24), 0 for
-/// float and any other.
-int IntegerBits(int sfFormat);
+/// --bits 16|24 and --dither none|triangular|shaped, shared by the commands
+/// that write sound files.
+void AddIntegerOutputOptions(CLI::App& app, int* bits, std::string* dither);
 
-/// Checks a --dither value: none, triangular or shaped (UsageError
-/// otherwise).
-void CheckDitherMode(const std::string& mode);
+/// The sample format --bits asks for (16 -> pcm16, 24 -> pcm24), or
+/// `requested` when bits is 0. UsageError for other word lengths or when
+/// --format asks for something else.
+SampleFormat ApplyBits(int bits, const std::string& formatText, SampleFormat requested);
 
-/// Puts every sample on the integer grid with dsp::Dither before the file
-/// writer sees it, so the writer's own float-to-integer conversion is an
-/// exact scaling and the quantisation is the library's:
-///   none        plain rounding (a chain that leaves samples on the grid
-///               stays lossless)
+/// The --dither mode in force: as given, or triangular with --bits and none
+/// without. UsageError for an unknown mode.
+std::string ChooseDitherMode(int bits, const std::string& dither);
+
+/// Dither before the writer's rounding to integer codes, by dsp::Dither:
 ///   triangular  flat TPDF of +-1 LSB
 ///   shaped      TPDF with the standard noise-shaping curve
-/// When the total length is known the last block is announced, so the file
-/// ends on plain rounding (digital silence stays zero). At most 32 channels
-/// (dsp::Dither's limit; the constructor throws CliError beyond).
-class QuantisingSink final : public dsp::host::FrameSink {
+/// Every sample leaves on the grid of the output's word length, so the
+/// writer's rounding keeps it as it is. When the total length is known the
+/// last block is announced, so the file ends on plain rounding (digital
+/// silence stays zero). Up to 32 channels (dsp::Dither's limit; Prepare
+/// throws CliError beyond).
+class DitherQuantizer final : public SampleQuantizer {
  public:
-  QuantisingSink(dsp::host::FrameSink& next, int numChannels, int sampleRate, int bits, const std::string& mode,
-                 std::int64_t expectedFrames);
-  bool Write(const float* const* planar, int numFrames) override;
+  DitherQuantizer(std::string mode, std::int64_t expectedFrames);
+  void Prepare(int numChannels, double sampleRate, int bits) override;
+  void Quantize(float* const* planar, int numFrames) override;
 
  private:
-  dsp::host::FrameSink& next_;
-  int numChannels_;
+  std::string mode_;
   std::int64_t expected_;
-  std::int64_t written_ = 0;
+  std::int64_t done_ = 0;
   dsp::Dither dither_;
-  std::vector<float> scratch_;
-  std::vector<float*> outputs_;
-  std::vector<float*> inputs_;
+  std::vector<float*> pointers_;
 };
+
+/// A DitherQuantizer for `mode`, or null for "none": plain rounding is the
+/// writer's own.
+std::shared_ptr<SampleQuantizer> MakeDitherQuantizer(const std::string& mode, std::int64_t expectedFrames);
 
 }  // namespace vexdsp

@@ -14,12 +14,33 @@
 namespace vexdsp {
 namespace {
 
+// One line on stderr when samples could not be written as they were.
+void WarnAboutSamples(const AudioFileWriter& writer) {
+  const std::int64_t nonFinite = writer.GetNumNonFinite();
+  const std::int64_t clipped = writer.GetNumClipped();
+  if (nonFinite == 0 && clipped == 0) {
+    return;
+  }
+  std::string text;
+  if (nonFinite > 0) {
+    text =
+        std::to_string(nonFinite) + " non-finite samples (" +
+        (GetIntegerBits(writer.GetFormat()) > 0 ? "NaN written as 0, infinities as full scale" : "kept as they are") +
+        ")";
+  }
+  if (clipped > 0) {
+    text += (text.empty() ? "" : " and ") + std::to_string(clipped) + " clipped samples";
+  }
+  std::fprintf(stderr, "vexdsp: warning: %s\n", text.c_str());
+}
+
 class ProcessCommand final : public Command {
  public:
   void Configure(CLI::App& app) override {
     app.add_option("IN", input_, "Input sound file ('-' reads standard input)")->required();
-    app.add_option("OUT", output_,
-                   "Output sound file; .wav, .flac, .aif or .aiff picks the container. Written only on success.")
+    app.add_option(
+           "OUT", output_,
+           "Output sound file; .wav, .w64, .rf64, .flac, .aif or .aiff picks the container. Written only on success.")
         ->required();
     app.add_option("EFFECT", effects_,
                    "One or more effects, run in order, each as name:key=value,key=value or a bare name for the "
@@ -28,11 +49,7 @@ class ProcessCommand final : public Command {
     app.add_option("--format", format_,
                    "Output sample format; 'keep' (the default) keeps the input's where the container allows it")
         ->check(CLI::IsMember({"keep", "float", "pcm16", "pcm24"}));
-    app.add_option("--bits", bits_, "Write integer PCM of this word length (16 or 24), quantised by the library");
-    app.add_option("--dither", dither_,
-                   "Dither for integer output: none (plain rounding), triangular (the default with --bits) or "
-                   "shaped (triangular with the standard noise-shaping curve); integer output without --bits is "
-                   "rounded unless this asks for more");
+    AddIntegerOutputOptions(app, &bits_, &dither_);
     app.add_option("--tail", tail_,
                    "Let the effects ring out after the input: 'auto' appends the chain's declared tail, a number "
                    "appends that many seconds; by default the output keeps the input's length");
@@ -55,37 +72,25 @@ class ProcessCommand final : public Command {
     const std::int64_t declared = reader.GetNumFrames();
 
     std::string note;
-    SampleFormat requested = format_ == "float"   ? SampleFormat::kFloat
-                             : format_ == "pcm16" ? SampleFormat::kPcm16
-                             : format_ == "pcm24" ? SampleFormat::kPcm24
-                                                  : SampleFormat::kKeep;
-    if (bits_ != 0 && bits_ != 16 && bits_ != 24)
-      throw UsageError("--bits " + std::to_string(bits_) + " is not 16 or 24");
-    if (bits_ != 0) {
-      const SampleFormat fromBits = bits_ == 16 ? SampleFormat::kPcm16 : SampleFormat::kPcm24;
-      if (requested != SampleFormat::kKeep && requested != fromBits) {
-        throw UsageError("--bits " + std::to_string(bits_) + " contradicts --format " + format_);
-      }
-      requested = fromBits;
-    }
-    if (dither_.empty()) dither_ = bits_ != 0 ? "triangular" : "none";
-    CheckDitherMode(dither_);
-    const int format = ChooseOutputFormat(output_, reader.GetFormat(), requested, channels, rate, &note);
+    const SampleFormat requested = ApplyBits(bits_, format_,
+                                             format_ == "float"   ? SampleFormat::kFloat
+                                             : format_ == "pcm16" ? SampleFormat::kPcm16
+                                             : format_ == "pcm24" ? SampleFormat::kPcm24
+                                                                  : SampleFormat::kKeep);
+    const std::string dither = ChooseDitherMode(bits_, dither_);
+    // The container must hold the whole output; a stream's length is unknown.
+    const std::int64_t expected = declared >= 0 ? declared + tail : -1;
+    const int format = ChooseOutputFormat(output_, reader.GetFormat(), requested, channels, rate, &note, expected);
     AudioFileWriter writer(output_, format, channels, rate, reader.GetChannelMap());
+    writer.SetQuantizer(MakeDitherQuantizer(dither, expected));
     FileSource source(reader);
-    FileSink fileSink(writer);
-    std::unique_ptr<QuantisingSink> quantiser;
-    if (IntegerBits(format) != 0) {
-      quantiser = std::make_unique<QuantisingSink>(fileSink, channels, rate, IntegerBits(format), dither_,
-                                                   declared >= 0 ? declared + tail : -1);
-    }
-    dsp::host::FrameSink& sink = quantiser ? static_cast<dsp::host::FrameSink&>(*quantiser) : fileSink;
-    Progress progress("processing", declared);
+    FileSink sink(writer);
+    Progress progress("processing", declared, rate);
     const std::int64_t written = dsp::host::RenderProcess(chain->GetChain(), channels, source, sink, tail,
                                                           [&](std::int64_t done) { progress.Update(done); });
     progress.Finish();
     source.Check();
-    fileSink.Check();
+    sink.Check();
     if (written < 0) {
       throw CliError("processing failed");
     }
@@ -103,10 +108,12 @@ class ProcessCommand final : public Command {
     if (tail > 0) {
       std::printf("tail   %lld frames appended\n", static_cast<long long>(tail));
     }
-    std::printf("out    %s: %s\n", output_.c_str(), DescribeStream(format, channels, rate, written).c_str());
+    std::printf("out    %s: %s\n", output_.c_str(),
+                DescribeStream(writer.GetFormat(), channels, rate, written).c_str());
     if (!note.empty()) {
       std::printf("note   %s\n", note.c_str());
     }
+    WarnAboutSamples(writer);
     return 0;
   }
 

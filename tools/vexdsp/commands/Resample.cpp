@@ -25,17 +25,14 @@ class ResampleCommand final : public Command {
  public:
   void Configure(CLI::App& app) override {
     app.add_option("IN", input_, "Input sound file")->required();
-    app.add_option("OUT", output_, "Output sound file; .wav, .flac, .aif or .aiff picks the container")->required();
+    app.add_option("OUT", output_, "Output sound file; .wav, .w64, .rf64, .flac, .aif or .aiff picks the container")
+        ->required();
     app.add_option("--rate", rate_, "Target sample rate in Hz")->required();
     app.add_option("--quality", quality_,
                    "low (63 taps), medium (127), high (255 taps, spurs below -120 dBc; the default) or best (511)");
     app.add_option("--format", format_, "Output sample format; 'keep' (the default) keeps the input's")
         ->check(CLI::IsMember({"keep", "float", "pcm16", "pcm24"}));
-    app.add_option("--bits", bits_, "Write integer PCM of this word length (16 or 24), quantised by the library");
-    app.add_option("--dither", dither_,
-                   "Dither for integer output: none (plain rounding), triangular (the default with --bits) or "
-                   "shaped (triangular with the standard noise-shaping curve); integer output without --bits is "
-                   "rounded unless this asks for more");
+    AddIntegerOutputOptions(app, &bits_, &dither_);
     app.footer(
         "All channels are converted; the converter's delay is removed, so the output starts in time and has\n"
         "round(input frames x rate ratio) frames. Equal rates copy the audio unchanged.\n"
@@ -51,22 +48,12 @@ class ResampleCommand final : public Command {
     if (!dsp::ParseResampleQuality(quality_, &quality)) {
       throw UsageError("--quality '" + quality_ + "' is not one of low, medium, high, best");
     }
-    if (bits_ != 0 && bits_ != 16 && bits_ != 24) {
-      throw UsageError("--bits " + std::to_string(bits_) + " is not 16 or 24");
-    }
-    if (dither_.empty()) dither_ = bits_ != 0 ? "triangular" : "none";
-    CheckDitherMode(dither_);
-    SampleFormat requested = format_ == "float"   ? SampleFormat::kFloat
-                             : format_ == "pcm16" ? SampleFormat::kPcm16
-                             : format_ == "pcm24" ? SampleFormat::kPcm24
-                                                  : SampleFormat::kKeep;
-    if (bits_ != 0) {
-      const SampleFormat fromBits = bits_ == 16 ? SampleFormat::kPcm16 : SampleFormat::kPcm24;
-      if (requested != SampleFormat::kKeep && requested != fromBits) {
-        throw UsageError("--bits " + std::to_string(bits_) + " contradicts --format " + format_);
-      }
-      requested = fromBits;
-    }
+    const SampleFormat requested = ApplyBits(bits_, format_,
+                                             format_ == "float"   ? SampleFormat::kFloat
+                                             : format_ == "pcm16" ? SampleFormat::kPcm16
+                                             : format_ == "pcm24" ? SampleFormat::kPcm24
+                                                                  : SampleFormat::kKeep);
+    const std::string dither = ChooseDitherMode(bits_, dither_);
 
     AudioFileReader reader(input_);
     const int channels = reader.GetNumChannels();
@@ -81,29 +68,23 @@ class ResampleCommand final : public Command {
       throw CliError(input_ + ": " + error);
     }
 
-    std::string note;
-    const int format = ChooseOutputFormat(output_, reader.GetFormat(), requested, channels, outRate, &note);
-    const int bits = IntegerBits(format);
-    if (bits != 0 && channels > dsp::Dither::kMaxChannels) {
-      throw CliError("integer output is quantised for at most 32 channels; this file has " + std::to_string(channels));
-    }
     const std::int64_t declared = reader.GetNumFrames();
     const std::int64_t expected =
         declared >= 0 ? std::llround(static_cast<double>(declared) * converter.GetRatio()) : -1;
-
+    std::string note;
+    const int format = ChooseOutputFormat(output_, reader.GetFormat(), requested, channels, outRate, &note, expected);
     AudioFileWriter writer(output_, format, channels, outRate, reader.GetChannelMap());
+    writer.SetQuantizer(MakeDitherQuantizer(dither, expected));
+    const int bits = GetIntegerBits(writer.GetFormat());
     FileSource source(reader);
-    FileSink fileSink(writer);
-    std::unique_ptr<QuantisingSink> quantiser;
-    if (bits != 0) quantiser = std::make_unique<QuantisingSink>(fileSink, channels, outRate, bits, dither_, expected);
-    dsp::host::FrameSink& sink = quantiser ? static_cast<dsp::host::FrameSink&>(*quantiser) : fileSink;
+    FileSink sink(writer);
 
-    Progress progress("resampling", declared);
+    Progress progress("resampling", declared, inRate);
     const std::int64_t written = dsp::host::RenderRateChange(converter, channels, source, sink,
                                                              [&](std::int64_t done) { progress.Update(done); });
     progress.Finish();
     source.Check();
-    fileSink.Check();
+    sink.Check();
     if (written < 0) throw CliError("resampling failed");
     if (declared >= 0 && source.GetFramesRead() != declared) {
       throw CliError("the input ended after " + std::to_string(source.GetFramesRead()) + " of " +
@@ -115,8 +96,9 @@ class ResampleCommand final : public Command {
                 DescribeStream(reader.GetFormat(), channels, inRate, source.GetFramesRead()).c_str());
     std::printf("rate   %d -> %d Hz, quality %s (latency %lld samples, removed)\n", inRate, outRate,
                 dsp::ToString(quality), static_cast<long long>(converter.GetOutputLatency()));
-    if (bits != 0) std::printf("dither %d bits, %s\n", bits, dither_.c_str());
-    std::printf("out    %s: %s\n", output_.c_str(), DescribeStream(format, channels, outRate, written).c_str());
+    if (bits != 0) std::printf("dither %d bits, %s\n", bits, dither.c_str());
+    std::printf("out    %s: %s\n", output_.c_str(),
+                DescribeStream(writer.GetFormat(), channels, outRate, written).c_str());
     if (!note.empty()) std::printf("note   %s\n", note.c_str());
     return 0;
   }
