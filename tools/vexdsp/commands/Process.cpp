@@ -9,6 +9,7 @@
 #include "Command.h"
 #include "Pipeline.h"
 #include "Progress.h"
+#include "Quantiser.h"
 
 namespace vexdsp {
 namespace {
@@ -48,6 +49,7 @@ class ProcessCommand final : public Command {
     app.add_option("--format", format_,
                    "Output sample format; 'keep' (the default) keeps the input's where the container allows it")
         ->check(CLI::IsMember({"keep", "float", "pcm16", "pcm24"}));
+    AddIntegerOutputOptions(app, &bits_, &dither_);
     app.add_option("--tail", tail_,
                    "Let the effects ring out after the input: 'auto' appends the chain's declared tail, a number "
                    "appends that many seconds; by default the output keeps the input's length");
@@ -70,14 +72,17 @@ class ProcessCommand final : public Command {
     const std::int64_t declared = reader.GetNumFrames();
 
     std::string note;
-    const SampleFormat requested = format_ == "float"   ? SampleFormat::kFloat
-                                   : format_ == "pcm16" ? SampleFormat::kPcm16
-                                   : format_ == "pcm24" ? SampleFormat::kPcm24
-                                                        : SampleFormat::kKeep;
+    const SampleFormat requested = ApplyBits(bits_, format_,
+                                             format_ == "float"   ? SampleFormat::kFloat
+                                             : format_ == "pcm16" ? SampleFormat::kPcm16
+                                             : format_ == "pcm24" ? SampleFormat::kPcm24
+                                                                  : SampleFormat::kKeep);
+    const std::string dither = ChooseDitherMode(bits_, dither_);
     // The container must hold the whole output; a stream's length is unknown.
     const std::int64_t expected = declared >= 0 ? declared + tail : -1;
     const int format = ChooseOutputFormat(output_, reader.GetFormat(), requested, channels, rate, &note, expected);
     AudioFileWriter writer(output_, format, channels, rate, reader.GetChannelMap());
+    writer.SetQuantizer(MakeDitherQuantizer(dither, expected));
     FileSource source(reader);
     FileSink sink(writer);
     Progress progress("processing", declared, rate);
@@ -117,6 +122,8 @@ class ProcessCommand final : public Command {
   std::string output_;
   std::vector<std::string> effects_;
   std::string format_ = "keep";
+  int bits_ = 0;
+  std::string dither_;
   std::string tail_;
 };
 

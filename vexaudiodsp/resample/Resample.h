@@ -1,0 +1,149 @@
+#pragma once
+
+#include <memory>
+
+#include "vexaudiodsp/Export.h"
+
+namespace dsp {
+
+struct ResampleTable;
+
+/// Sample-rate converter for one mono float stream: a polyphase
+/// windowed-sinc filter of `filterOrder` taps (default 255, always odd) per
+/// output sample, with a Kaiser window (noise floor >= 60 dB, beta from the
+/// noise floor) or a Blackman window (below 60 dB).
+///
+/// Phases. For integer rates whose reduced output rate dst / gcd is at most
+/// 1000, the table holds exactly dst / gcd phases and every output sample
+/// uses an exact phase (48000 <-> 44100: 147 or 160 phases). Other pairs
+/// get 1000 phases and interpolate linearly between neighbouring phases
+/// (about -120 dB of coefficient error at the default order).
+///
+/// Cut-off. With r the lower rate and T = 12.5 / filterOrder times
+/// (nyquistShift - 0.31) when downsampling or 0.6 * nyquistShift when
+/// upsampling, the kernel's -6 dB point lies at (1 - T) * r / 2: the
+/// transition band is centred on the lower Nyquist frequency and
+/// nyquistShift moves it (1.31 puts the whole band below Nyquist when
+/// downsampling). At the defaults (255 taps, 150 dB, shift 0.3):
+///   48000 -> 44100: passband (within 0.01 dB) to 21.0 kHz, stop band
+///     (>= 120 dB down) from 23.0 kHz on the input axis; a tone at 23 kHz
+///     or above never reaches the output above -120 dB.
+///   44100 -> 48000: passband to 20.9 kHz, images of input tones land
+///     >= 120 dB down when they fall at or above 22.7 kHz.
+/// Spurious components of any passband tone stay below -120 dBc.
+///
+/// Latency: GetLatency() output samples, the integer part of
+/// (filterOrder - 1) / 2 * dst / src; the fractional part is absorbed in the
+/// starting phase, so an input event at time t appears at exactly
+/// t * dst / src + latency output samples.
+///
+/// Tables are shared: Initialize looks the parameters up in a process-wide
+/// cache of the 64 most recently built tables (one recursive mutex) and
+/// builds one only on a miss. An instance keeps its table alive by a shared
+/// reference, so eviction never invalidates it.
+///
+/// Rates of zero, below zero or NaN are refused by SetSampleRates (false,
+/// previous rates kept). Equal rates pass samples through (latency 0).
+///
+/// Calls: setters and Initialize/Deinitialize are configuration (they may
+/// allocate and lock the cache). Process and Reset never allocate, lock or
+/// throw. Copies share the table and copy the stream state. One thread at a
+/// time per object; any number of objects may be initialised concurrently.
+class VEXAUDIODSP_API Resample {
+ public:
+  static constexpr int kMaxPhases = 1000;
+  static constexpr int kCacheSize = 64;
+
+  Resample();
+  ~Resample();
+  Resample(const Resample& other);
+  Resample& operator=(const Resample& other);
+
+  /// Sets both rates in Hz. Ignored (false) while initialised or when a rate
+  /// is not a finite positive number.
+  bool SetSampleRates(float sourceRate, float destRate);
+  /// Taps per phase: an even request becomes the odd number below it, an
+  /// odd one is kept (minimum 3). Ignored while initialised.
+  void SetFilterOrder(int order);
+  /// Stop-band attenuation in dB that shapes the window (>= 60: Kaiser).
+  /// Takes effect at the next Initialize.
+  void SetNoiseFloor(double dB) { noiseFloor_ = dB; }
+  /// Moves the transition band (see above). Ignored while initialised.
+  void SetNyquistShift(double shift);
+
+  float GetSourceSampleRate() const { return sourceRate_; }
+  float GetDestSampleRate() const { return destRate_; }
+  int GetFilterOrder() const { return filterOrder_; }
+  int GetPaddedOrder() const { return paddedOrder_; }
+  int GetPhaseCount() const { return phaseCount_; }
+  double GetPhaseStep() const { return phaseStep_; }
+  double GetNoiseFloor() const { return noiseFloor_; }
+  double GetNyquistShift() const { return nyquistShift_; }
+  /// Delay of the output in output samples.
+  int GetLatency() const { return latency_; }
+  /// Output samples a Process call of inputFrames may return at most.
+  int GetOutputBufferSize(int inputFrames) const;
+  /// The cut-off divisor c of the kernel sinc(t / c) / c (t in input samples).
+  double GetCutoffDivisor() const;
+
+  /// Finds or builds the table and allocates the stream state. Allocates
+  /// and locks the cache; false (and not initialised) when the allocation
+  /// fails.
+  bool Initialize();
+  /// Drops the stream state; `releaseTable` also drops the table reference
+  /// (otherwise the next Initialize with the same parameters reuses it
+  /// without a cache search).
+  void Deinitialize(bool releaseTable);
+  int IsInitialized() const { return initialized_; }
+  /// Clears the history and restarts the phase as after Initialize.
+  void Reset();
+
+  /// Converts `frames` input samples and writes the output produced, at most
+  /// GetOutputBufferSize(frames) samples; returns their count. `in` and
+  /// `out` may not overlap unless the rates are equal. Returns 0 when not
+  /// initialised.
+  int Process(float* in, float* out, int frames);
+
+  /// True when both instances use the same table object.
+  bool SharesTableWith(const Resample& other) const { return table_ && table_ == other.table_; }
+
+ private:
+  static constexpr int kChunk = 4096;
+
+  int Process2(float* in, float* out, int frames);
+  int ProcessInternal(float* in, float* out, int frames, bool interpolate);
+  void BuildTable(int order, double phaseOffset, double cutoff, double* taps) const;
+  void PreComputeStuff();
+  void ChoosePhaseLayout();
+  void AllocateWork();
+  void FreeWork();
+
+  int initialized_ = 0;
+  int filterOrder_ = 255;
+  float sourceRate_ = 48000.0f;
+  float destRate_ = 44100.0f;
+  int phaseCount_ = 0;
+  double phaseStep_ = 160.0;
+  int latency_ = 116;
+  int paddedOrder_ = 256;
+  // History (paddedOrder_ samples) followed by room for one chunk of input.
+  float* work_ = nullptr;
+  int workSize_ = 0;
+  double phaseFraction_ = 0.0;
+  double phasePosition_ = 0.0;
+  // Phases that Initialize will use (phaseCount_ stays 0 until then) and
+  // whether phaseStep_ is a whole number of them, so no phase is
+  // interpolated.
+  int layoutPhases_ = 147;
+  bool exactPhases_ = true;
+  // Where the next output's newest input sample lies, relative to the start
+  // of the next input block.
+  long long nextInput_ = 0;
+  double noiseFloor_ = 150.0;
+  double nyquistShift_ = 0.3;
+  double pi_ = 3.141592653589793;
+  double twoPi_ = 6.283185307179586;
+  std::shared_ptr<const ResampleTable> table_;
+};
+
+}  // namespace dsp
