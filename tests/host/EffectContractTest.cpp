@@ -66,6 +66,7 @@ TEST(CreateEffect, RefusesWhatItCannotBuildWithOneLine) {
   ASSERT_NE(gain, nullptr) << error;
   EXPECT_EQ(gain->GetValue(gain->FindParam("db")), -6.5);
   EXPECT_EQ(dsp::host::FormatEffect(*gain), "gain:db=-6.5");
+  EXPECT_EQ(dsp::host::FormatEffect(*dsp::host::CreateEffect("gain", &error), true), "gain");
   EXPECT_EQ(dsp::host::CreateEffect("gain:", &error)->GetValue(0), 0.0);
 }
 

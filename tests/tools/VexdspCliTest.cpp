@@ -180,7 +180,9 @@ TEST_F(VexdspCliTest, EveryErrorFailsWithOneLineAndLeavesNoFile) {
   EXPECT_EQ(ReadText(dir_ / "keep.wav"), "old");
 }
 
-// The demo source peaks at 0.25; its chain takes 3 dB off and delays by 125 ms.
+// The demo source peaks at 0.25 (-12 dBFS); its chain equalises, takes 3 dB
+// off, delays by 125 ms, adds reverb and limits at -1 dBFS, then reports
+// the loudness of what it wrote.
 TEST_F(VexdspCliTest, DemoWritesTheProcessedSignal) {
   const RunResult result = Run("demo demo.wav");
   ASSERT_EQ(result.exitCode, 0) << result.err;
@@ -191,8 +193,11 @@ TEST_F(VexdspCliTest, DemoWritesTheProcessedSignal) {
   for (float x : output.samples) peak = std::max(peak, std::fabs(static_cast<double>(x)));
   const auto firstSound = std::find_if(output.samples.begin(), output.samples.end(), [](float x) { return x != 0; });
   EXPECT_GE(firstSound - output.samples.begin(), 2 * 6000);
-  const double expectedPeak = 0.25 * std::pow(10.0, -3.0 / 20.0);
-  EXPECT_TRUE(peak > 0.9 * expectedPeak && peak <= expectedPeak + 1e-6) << peak;
+  EXPECT_GT(peak, 0.5 * 0.25 * std::pow(10.0, -3.0 / 20.0));
+  EXPECT_LE(peak, std::pow(10.0, -1.0 / 20.0));
+  for (const char* part : {"eq:", "-> reverb", "limit:", "LUFS integrated"}) {
+    EXPECT_NE(result.out.find(part), std::string::npos) << part << " in\n" << result.out;
+  }
 }
 
 // Usage errors exit with 2, failed runs with 1; both print one line.

@@ -53,7 +53,9 @@ VEXAUDIODSP_API std::unique_ptr<Effect> CreateEffect(const std::string& text, st
 
 /// The canonical text of an effect, every key spelled out in descriptor
 /// order ("gain:db=-6"); CreateEffect reads it back to the same settings.
-VEXAUDIODSP_API std::string FormatEffect(const Effect& effect);
+/// With `changedOnly`, keys at their default are left out (the short form a
+/// listing shows; it reads back the same too).
+VEXAUDIODSP_API std::string FormatEffect(const Effect& effect, bool changedOnly = false);
 
 }  // namespace host
 }  // namespace dsp

@@ -14,6 +14,7 @@
 #include "Command.h"
 #include "Levels.h"
 #include "Pipeline.h"
+#include "vexaudiodsp/loudness/LoudnessMeter.h"
 
 namespace vexdsp {
 namespace {
@@ -21,8 +22,11 @@ namespace {
 // The demo's chain, in order. A new effect family joins the demo by adding
 // its line here.
 const char* const kDemoChain[] = {
+    "eq:type1=highpass,freq1=40,q1=0.7071,type2=peak,freq2=3000,gain2=-2,q2=1",
     "gain:db=-3",
     "delay:ms=125",
+    "reverb",
+    "limit:ceiling=-1",
 };
 
 constexpr int kDemoRate = 48000;
@@ -82,6 +86,20 @@ void PrintLevels(const char* label, const LevelMeter& meter) {
     std::printf("%-9s ch %d: peak %s dBFS, RMS %s dBFS\n", ch == 0 ? label : "", ch + 1,
                 FormatDb(meter.GetPeak(ch)).c_str(), FormatDb(meter.GetRms(ch)).c_str());
   }
+}
+
+// BS.1770 loudness and true peak of what the demo wrote.
+void PrintLoudness(const std::vector<std::vector<float>>& audio) {
+  dsp::LoudnessMeter meter;
+  meter.Init(dsp::host::kRenderBlock, kDemoRate, {dsp::Itu1770::kLeft, dsp::Itu1770::kRight});
+  std::vector<const float*> pointers;
+  for (const auto& channel : audio) {
+    pointers.push_back(channel.data());
+  }
+  meter.Process(pointers.data(), audio[0].size());
+  const dsp::LoudnessSummary summary = meter.GetSummary();
+  std::printf("loudness  %.1f LUFS integrated, true peak %.1f dBTP, loudness range %.1f LU\n", summary.integrated,
+              summary.truePeakDb, summary.loudnessRange);
 }
 
 // The levels of what passes, on the way to the next sink.
@@ -153,6 +171,7 @@ class DemoCommand final : public Command {
     std::printf("latency   %lld samples (compensated)\n", static_cast<long long>(chain->GetLatency()));
     PrintLevels("input", inputMeter);
     PrintLevels("output", outputMeter);
+    PrintLoudness(memory.GetAudio());
     std::printf("time      %.1f ms for %.3f s of audio (%.0fx realtime)\n", seconds * 1000.0, audioSeconds,
                 seconds > 0.0 ? audioSeconds / seconds : 0.0);
     std::printf("wrote     %s (%s)\n", output_.c_str(), DescribeFormat(format).c_str());

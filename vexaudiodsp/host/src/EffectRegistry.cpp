@@ -132,10 +132,16 @@ std::unique_ptr<Effect> CreateEffect(const std::string& text, std::string* error
   return effect;
 }
 
-std::string FormatEffect(const Effect& effect) {
+std::string FormatEffect(const Effect& effect, bool changedOnly) {
   std::string text = effect.GetInfo().name;
   char separator = ':';
   for (int i = 0; i < effect.GetNumParams(); ++i) {
+    const ParamDescriptor& param = effect.GetParam(i);
+    const bool isDefault = param.kind == ParamKind::kPath ? effect.GetPath(i).empty()
+                                                          : effect.GetValue(i) == param.defaultValue;
+    if (changedOnly && isDefault) {
+      continue;
+    }
     text += separator + effect.GetParam(i).id + "=" + effect.GetText(i);
     separator = ',';
   }

@@ -124,7 +124,7 @@ std::int64_t EffectChain::GetTailFrames() const {
 std::string EffectChain::Describe() const {
   std::string text;
   for (const auto& effect : effects_) {
-    text += (text.empty() ? "" : " -> ") + FormatEffect(*effect);
+    text += (text.empty() ? "" : " -> ") + FormatEffect(*effect, true);
   }
   return text.empty() ? "(empty)" : text;
 }
