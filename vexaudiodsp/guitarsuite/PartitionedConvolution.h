@@ -1,0 +1,68 @@
+#pragma once
+
+#include <vector>
+
+#include "vexaudiodsp/Export.h"
+
+namespace vexaccelerate {
+struct FFTState_Float;
+}
+
+namespace dsp {
+namespace guitarsuite {
+
+/// Uniformly partitioned FFT convolution (overlap-save) of one channel with
+/// an impulse response of any length, in blocks of kBlockSize frames: the
+/// response is cut into P = ceil(length / kBlockSize) partitions whose
+/// spectra (transform size 2 kBlockSize) are kept, each input block is
+/// transformed once into a frequency-domain delay line, and one output
+/// block is the inverse transform of the sum over p of X[j - p] H[p].
+///
+/// ProcessBlock(in, out) turns one input block into the matching block of
+/// the linear convolution: no latency inside the call, but a caller that
+/// gathers samples into blocks first lags by one block. Cost per sample:
+/// two 2048-point real transforms / 1024 plus P complex multiply-adds per
+/// bin / 1024, against `length` multiply-adds for a direct FIR.
+///
+/// Allocation: Init only. ProcessBlock and Reset never allocate, lock or
+/// throw. One thread at a time.
+class VEXAUDIODSP_API PartitionedConvolution {
+ public:
+  static constexpr int kBlockSize = 1024;
+
+  PartitionedConvolution();
+  ~PartitionedConvolution();
+  PartitionedConvolution(const PartitionedConvolution&) = delete;
+  PartitionedConvolution& operator=(const PartitionedConvolution&) = delete;
+
+  /// Takes the response (copied) and clears the state. A null response or a
+  /// length of 0 gives a convolution that outputs silence. False when the
+  /// transform cannot be set up.
+  bool Init(const float* impulse, int length);
+  int GetNumPartitions() const { return numPartitions_; }
+  /// Clears the input history; the response stays.
+  void Reset();
+  /// One block of kBlockSize frames in, the same count out; in == out is
+  /// allowed.
+  void ProcessBlock(const float* in, float* out);
+
+ private:
+  static constexpr int kBins = kBlockSize + 1;
+  vexaccelerate::FFTState_Float* fft_ = nullptr;
+  int numPartitions_ = 0;
+  int current_ = 0;
+  // Spectra split into real and imaginary arrays of kBins, partition by
+  // partition, so the multiply-add runs over contiguous floats.
+  std::vector<float> filterRe_;
+  std::vector<float> filterIm_;
+  std::vector<float> inputRe_;
+  std::vector<float> inputIm_;
+  std::vector<float> time_;
+  std::vector<float> spectrum_;
+  std::vector<float> accRe_;
+  std::vector<float> accIm_;
+  std::vector<unsigned char> work_;
+};
+
+}  // namespace guitarsuite
+}  // namespace dsp

@@ -1,0 +1,195 @@
+#include "vexaudiodsp/guitarsuite/BoxModeler.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "vexaccelerate/Denormals.h"
+#include "vexaccelerate/Filter.h"
+#include "vexaccelerate/Utility.h"
+#include "vexaudiodsp/guitarsuite/PartitionedConvolution.h"
+
+namespace dsp {
+namespace guitarsuite {
+namespace boxmodeler {
+namespace {
+namespace vu = vexaccelerate::utility;
+namespace vf = vexaccelerate::filter;
+constexpr int kBlock = PartitionedConvolution::kBlockSize;
+static_assert(BoxModeler::kHeadLength == kBlock, "the tail's one-block lag is absorbed by a head of one block");
+
+float Clamp(float value, float lo, float hi) { return std::isnan(value) ? lo : std::min(std::max(value, lo), hi); }
+}  // namespace
+
+struct BoxModeler::ChannelState {
+  vexaccelerate::FIRState_Float* fir = nullptr;
+  PartitionedConvolution tail;
+  bool hasTail = false;
+  std::vector<float> gather = std::vector<float>(kBlock, 0.0f);
+  std::vector<float> tailOut = std::vector<float>(kBlock, 0.0f);
+  int position = 0;
+
+  ~ChannelState() { vf::FIRFree(fir); }
+};
+
+BoxModeler::BoxModeler(float sampleRate, const vexmediatypes::AudioChannelLayout& layout, unsigned maxBlockSize)
+    : layout_(layout),
+      sampleRate_(std::isfinite(sampleRate) && sampleRate >= 1000.0f ? sampleRate : 48000.0f),
+      maxBlockSize_(std::max(maxBlockSize, 1u)) {
+  wet_.assign(maxBlockSize_, 0.0f);
+  RebuildDelayLines();
+  UpdateSetBoxModelMicType();
+}
+
+BoxModeler::~BoxModeler() = default;
+
+void BoxModeler::SetSampleRate(float sampleRate) {
+  if (!std::isfinite(sampleRate) || sampleRate < 1000.0f || sampleRate == sampleRate_) return;
+  sampleRate_ = sampleRate;
+  RebuildDelayLines();
+  UpdateSetBoxModelMicType();
+}
+
+void BoxModeler::SetMaxProcessingBlockSize(unsigned frames) {
+  maxBlockSize_ = std::max(frames, 1u);
+  wet_.assign(maxBlockSize_, 0.0f);
+}
+
+void BoxModeler::SetAudioChannelLayout(const vexmediatypes::AudioChannelLayout& layout) {
+  layout_ = layout;
+  UpdateSetBoxModelMicType();
+}
+
+void BoxModeler::SetBoxModel(int model) {
+  model = std::min(std::max(model, 0), kNumModels - 1);
+  if (model == model_) return;
+  model_ = model;
+  UpdateSetBoxModelMicType();
+}
+
+void BoxModeler::SetMicType(int mic) {
+  mic = std::min(std::max(mic, 0), kNumMicTypes - 1);
+  if (mic == mic_) return;
+  mic_ = mic;
+  UpdateSetBoxModelMicType();
+}
+
+void BoxModeler::SetMixPercent(float percent) { mixPercent_ = Clamp(percent, 0.0f, 100.0f); }
+
+void BoxModeler::SetMicSeparation(float millis) {
+  separation_ = Clamp(millis, -kMaxSeparationMillis, kMaxSeparationMillis);
+  UpdateSeparation();
+}
+
+void BoxModeler::SetMicSpread(float spread) { spread_ = Clamp(spread, 0.0f, 1.0f); }
+
+int BoxModeler::GetTailFrames() const {
+  const auto delay =
+      leftDelay_ && rightDelay_ ? std::max(leftDelay_->GetDelaySamples(), rightDelay_->GetDelaySamples()) : 0u;
+  return static_cast<int>(impulse_.size() + delay);
+}
+
+void BoxModeler::RebuildDelayLines() {
+  leftDelay_ = vexcore::utility::MakeRef<utility::DelayLine>(sampleRate_, kMaxSeparationMillis);
+  rightDelay_ = vexcore::utility::MakeRef<utility::DelayLine>(sampleRate_, kMaxSeparationMillis);
+  UpdateSeparation();
+}
+
+void BoxModeler::UpdateSeparation() {
+  if (!leftDelay_ || !rightDelay_) return;
+  leftDelay_->SetDelayMillis(std::max(separation_, 0.0f));
+  rightDelay_->SetDelayMillis(std::max(-separation_, 0.0f));
+}
+
+void BoxModeler::UpdateSetBoxModelMicType() {
+  impulse_.assign(static_cast<std::size_t>(GetImpulseLength(model_, mic_, sampleRate_)), 0.0f);
+  GenerateImpulse(model_, mic_, sampleRate_, impulse_.data());
+  const int length = static_cast<int>(impulse_.size());
+  const int head = std::min(length, kHeadLength);
+  channels_.clear();
+  for (std::size_t ch = 0; ch < layout_.size(); ++ch) {
+    auto state = std::make_unique<ChannelState>();
+    vf::FIRInit(&state->fir, impulse_.data(), head);
+    state->hasTail = length > kHeadLength;
+    if (state->hasTail) state->tail.Init(impulse_.data() + kHeadLength, length - kHeadLength);
+    channels_.push_back(std::move(state));
+  }
+  Reset();
+}
+
+void BoxModeler::Reset() {
+  for (auto& state : channels_) {
+    vf::FIRReset(state->fir);
+    state->tail.Reset();
+    std::fill(state->gather.begin(), state->gather.end(), 0.0f);
+    std::fill(state->tailOut.begin(), state->tailOut.end(), 0.0f);
+    state->position = 0;
+  }
+  if (leftDelay_) leftDelay_->Reset();
+  if (rightDelay_) rightDelay_->Reset();
+}
+
+void BoxModeler::ProcessInPlace(unsigned frames, float* const* channels,
+                                const vexcore::utility::Flags<std::uint64_t>& skip) {
+  if (channels == nullptr) return;
+  vu::ScopedFlushDenormals noDenormals;
+  float* chunk[64];
+  const unsigned numChannels = std::min(GetNumChannels(), 64u);
+  for (unsigned done = 0; done < frames;) {
+    const unsigned n = std::min(frames - done, maxBlockSize_);
+    for (unsigned ch = 0; ch < numChannels; ++ch) chunk[ch] = channels[ch] == nullptr ? nullptr : channels[ch] + done;
+    ProcessChunk(n, chunk, skip);
+    done += n;
+  }
+}
+
+void BoxModeler::RunPartitionedConvolution(ChannelState& state, const float* in, float* wet, unsigned frames) {
+  float* gather = state.gather.data();
+  float* tailOut = state.tailOut.data();
+  int position = state.position;
+  for (unsigned done = 0; done < frames;) {
+    const unsigned n = std::min(frames - done, static_cast<unsigned>(kBlock - position));
+    vu::Copy(n, in + done, gather + position);
+    vu::Add_InPlace(n, tailOut + position, wet + done);
+    position += static_cast<int>(n);
+    done += n;
+    if (position == kBlock) {
+      state.tail.ProcessBlock(gather, tailOut);
+      position = 0;
+    }
+  }
+  state.position = position;
+}
+
+void BoxModeler::ProcessChunk(unsigned frames, float* const* channels,
+                              const vexcore::utility::Flags<std::uint64_t>& skip) {
+  const float wetGain = mixPercent_ / 100.0f;
+  const float dryGain = 1.0f - wetGain;
+  float* wet = wet_.data();
+  const unsigned numChannels = std::min(GetNumChannels(), static_cast<unsigned>(channels_.size()));
+  for (unsigned ch = 0; ch < numChannels; ++ch) {
+    float* x = channels[ch];
+    if (x == nullptr || skip.IsSet(ch)) continue;
+    ChannelState& state = *channels_[ch];
+    vf::FIR(frames, x, wet, state.fir);
+    if (state.hasTail) RunPartitionedConvolution(state, x, wet, frames);
+    vu::MulConstant_InPlace(frames, x, dryGain);
+    vu::MulConstant_InPlace(frames, wet, wetGain);
+    vu::Add_InPlace(frames, wet, x);
+  }
+  if (numChannels != 2 || skip.IsSet(0) || channels[0] == nullptr || channels[1] == nullptr) return;
+  float* left = channels[0];
+  float* right = channels[1];
+  leftDelay_->ProcessInPlace(frames, left);
+  rightDelay_->ProcessInPlace(frames, right);
+  const float spread = spread_;
+  for (unsigned i = 0; i < frames; ++i) {
+    const float s = left[i] + right[i];
+    const float d = (left[i] - right[i]) * spread;
+    left[i] = 0.5f * (s + d);
+    right[i] = 0.5f * (s - d);
+  }
+}
+
+}  // namespace boxmodeler
+}  // namespace guitarsuite
+}  // namespace dsp
