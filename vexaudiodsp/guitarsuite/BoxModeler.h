@@ -39,13 +39,16 @@ namespace boxmodeler {
 /// are moved to 0.45 fs. Everything is deterministic: the noise comes from a
 /// fixed linear congruential generator seeded by model and microphone.
 ///
-/// Convolution: the first kHeadLength = 1024 taps run as a direct FIR; the
-/// rest (when the impulse is longer) runs through a uniformly partitioned
-/// FFT convolution of 1024-frame blocks fed by a gathering buffer, whose
-/// output lags its input by exactly one block. Starting the tail at tap 1024
-/// absorbs that lag, so at 100 % mix the wet output is the impulse response
-/// sample for sample (within float rounding), with no latency and no
-/// dependence on the host's block split.
+/// Convolution: the first kHeadLength = 1024 taps run as a zero-latency FIR;
+/// the rest (when the impulse is longer) runs through a uniformly
+/// partitioned FFT convolution of 1024-frame blocks fed by a gathering
+/// buffer, whose output lags its input by exactly one block. Starting the
+/// tail at tap 1024 absorbs that lag, so at 100 % mix the wet output is the
+/// impulse response sample for sample (within float rounding), with no
+/// latency and no dependence on the host's block split. The head FIR is
+/// built the same way further down: taps 0 ... 31 direct, taps 32 ... 255 in
+/// 32-frame partitions, taps 256 ... 1023 in 256-frame partitions, which
+/// costs a fraction of 1024 direct taps.
 ///
 /// Then: output = input (1 - mix/100) + wet mix/100. For two channels (and
 /// channel 0 not skipped) the left runs through a delay of max(separation,
@@ -67,6 +70,8 @@ class VEXAUDIODSP_API BoxModeler : public vexcore::utility::RefCountedObject {
   static constexpr int kNumModels = 15;
   static constexpr int kNumMicTypes = 3;
   static constexpr int kHeadLength = 1024;
+  /// Partitioned stages of the convolution (32-, 256- and 1024-frame).
+  static constexpr int kNumStages = 3;
   static constexpr float kMaxSeparationMillis = 10.0f;
 
   BoxModeler(float sampleRate, const vexmediatypes::AudioChannelLayout& layout, unsigned maxBlockSize = 1024);
@@ -111,10 +116,11 @@ class VEXAUDIODSP_API BoxModeler : public vexcore::utility::RefCountedObject {
   void ProcessInPlace(unsigned frames, float* const* channels, const vexcore::utility::Flags<std::uint64_t>& skip);
 
  private:
+  struct GatheredStage;
   struct ChannelState;
 
   void ProcessChunk(unsigned frames, float* const* channels, const vexcore::utility::Flags<std::uint64_t>& skip);
-  void RunPartitionedConvolution(ChannelState& state, const float* in, float* wet, unsigned frames);
+  void RunPartitionedConvolution(GatheredStage& stage, const float* in, float* wet, unsigned frames);
   void RebuildDelayLines();
   void UpdateSeparation();
   void UpdateSetBoxModelMicType();

@@ -12,17 +12,17 @@ namespace dsp {
 namespace guitarsuite {
 
 /// Uniformly partitioned FFT convolution (overlap-save) of one channel with
-/// an impulse response of any length, in blocks of kBlockSize frames: the
-/// response is cut into P = ceil(length / kBlockSize) partitions whose
-/// spectra (transform size 2 kBlockSize) are kept, each input block is
-/// transformed once into a frequency-domain delay line, and one output
-/// block is the inverse transform of the sum over p of X[j - p] H[p].
+/// an impulse response of any length, in blocks of B frames (a power of two,
+/// kBlockSize = 1024 by default): the response is cut into P = ceil(length /
+/// B) partitions whose spectra (transform size 2 B) are kept, each input
+/// block is transformed once into a frequency-domain delay line, and one
+/// output block is the inverse transform of the sum over p of X[j - p] H[p].
 ///
 /// ProcessBlock(in, out) turns one input block into the matching block of
 /// the linear convolution: no latency inside the call, but a caller that
 /// gathers samples into blocks first lags by one block. Cost per sample:
-/// two 2048-point real transforms / 1024 plus P complex multiply-adds per
-/// bin / 1024, against `length` multiply-adds for a direct FIR.
+/// two 2B-point real transforms / B plus P complex multiply-adds per bin /
+/// B, against `length` multiply-adds for a direct FIR.
 ///
 /// Allocation: Init only. ProcessBlock and Reset never allocate, lock or
 /// throw. One thread at a time.
@@ -36,19 +36,21 @@ class VEXAUDIODSP_API PartitionedConvolution {
   PartitionedConvolution& operator=(const PartitionedConvolution&) = delete;
 
   /// Takes the response (copied) and clears the state. A null response or a
-  /// length of 0 gives a convolution that outputs silence. False when the
-  /// transform cannot be set up.
-  bool Init(const float* impulse, int length);
+  /// length of 0 gives a convolution that outputs silence. False (and a
+  /// silent convolution) when blockSize is not a power of two from 16 to
+  /// 65536 or the transform cannot be set up.
+  bool Init(const float* impulse, int length, int blockSize = kBlockSize);
   int GetNumPartitions() const { return numPartitions_; }
+  int GetBlockSize() const { return blockSize_; }
   /// Clears the input history; the response stays.
   void Reset();
-  /// One block of kBlockSize frames in, the same count out; in == out is
-  /// allowed.
+  /// One block of GetBlockSize() frames in, the same count out; in == out
+  /// is allowed.
   void ProcessBlock(const float* in, float* out);
 
  private:
-  static constexpr int kBins = kBlockSize + 1;
   vexaccelerate::FFTState_Float* fft_ = nullptr;
+  int blockSize_ = kBlockSize;
   int numPartitions_ = 0;
   int current_ = 0;
   // Spectra split into real and imaginary arrays of kBins, partition by

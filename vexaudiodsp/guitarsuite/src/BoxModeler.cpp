@@ -16,17 +16,44 @@ namespace vu = vexaccelerate::utility;
 namespace vf = vexaccelerate::filter;
 constexpr int kBlock = PartitionedConvolution::kBlockSize;
 static_assert(BoxModeler::kHeadLength == kBlock, "the tail's one-block lag is absorbed by a head of one block");
+// The head is itself a zero-latency FIR built like the whole: taps 0 ... 31
+// direct, then stages of partitions of 32, 256 and (the tail) 1024 frames,
+// each starting at its own block size so that the taps before it absorb its
+// one-block lag. The result equals a direct FIR of the whole impulse.
+constexpr int kDirectTaps = 32;
+constexpr int kStageBlocks[BoxModeler::kNumStages] = {32, 256, kBlock};
 
 float Clamp(float value, float lo, float hi) { return std::isnan(value) ? lo : std::min(std::max(value, lo), hi); }
 }  // namespace
 
+// One partitioned stage fed through a gathering buffer: its output for the
+// previous block is read out while the next block is gathered.
+struct BoxModeler::GatheredStage {
+  PartitionedConvolution convolution;
+  std::vector<float> gather;
+  std::vector<float> output;
+  int blockSize = 0;
+  int position = 0;
+  bool active = false;
+
+  void Init(const float* taps, int count, int block) {
+    active = count > 0;
+    blockSize = block;
+    gather.assign(static_cast<std::size_t>(block), 0.0f);
+    output.assign(static_cast<std::size_t>(block), 0.0f);
+    if (active) convolution.Init(taps, count, block);
+  }
+  void Reset() {
+    convolution.Reset();
+    std::fill(gather.begin(), gather.end(), 0.0f);
+    std::fill(output.begin(), output.end(), 0.0f);
+    position = 0;
+  }
+};
+
 struct BoxModeler::ChannelState {
   vexaccelerate::FIRState_Float* fir = nullptr;
-  PartitionedConvolution tail;
-  bool hasTail = false;
-  std::vector<float> gather = std::vector<float>(kBlock, 0.0f);
-  std::vector<float> tailOut = std::vector<float>(kBlock, 0.0f);
-  int position = 0;
+  GatheredStage stages[kNumStages];
 
   ~ChannelState() { vf::FIRFree(fir); }
 };
@@ -104,13 +131,16 @@ void BoxModeler::UpdateSetBoxModelMicType() {
   impulse_.assign(static_cast<std::size_t>(GetImpulseLength(model_, mic_, sampleRate_)), 0.0f);
   GenerateImpulse(model_, mic_, sampleRate_, impulse_.data());
   const int length = static_cast<int>(impulse_.size());
-  const int head = std::min(length, kHeadLength);
+  const float* taps = impulse_.data();
   channels_.clear();
   for (std::size_t ch = 0; ch < layout_.size(); ++ch) {
     auto state = std::make_unique<ChannelState>();
-    vf::FIRInit(&state->fir, impulse_.data(), head);
-    state->hasTail = length > kHeadLength;
-    if (state->hasTail) state->tail.Init(impulse_.data() + kHeadLength, length - kHeadLength);
+    vf::FIRInit(&state->fir, taps, std::min(length, kDirectTaps));
+    for (int s = 0; s < kNumStages; ++s) {
+      const int first = std::min(length, kStageBlocks[s]);
+      const int end = s + 1 < kNumStages ? std::min(length, kStageBlocks[s + 1]) : length;
+      state->stages[s].Init(taps + first, end - first, kStageBlocks[s]);
+    }
     channels_.push_back(std::move(state));
   }
   Reset();
@@ -119,10 +149,7 @@ void BoxModeler::UpdateSetBoxModelMicType() {
 void BoxModeler::Reset() {
   for (auto& state : channels_) {
     vf::FIRReset(state->fir);
-    state->tail.Reset();
-    std::fill(state->gather.begin(), state->gather.end(), 0.0f);
-    std::fill(state->tailOut.begin(), state->tailOut.end(), 0.0f);
-    state->position = 0;
+    for (GatheredStage& stage : state->stages) stage.Reset();
   }
   if (leftDelay_) leftDelay_->Reset();
   if (rightDelay_) rightDelay_->Reset();
@@ -142,22 +169,23 @@ void BoxModeler::ProcessInPlace(unsigned frames, float* const* channels,
   }
 }
 
-void BoxModeler::RunPartitionedConvolution(ChannelState& state, const float* in, float* wet, unsigned frames) {
-  float* gather = state.gather.data();
-  float* tailOut = state.tailOut.data();
-  int position = state.position;
+void BoxModeler::RunPartitionedConvolution(GatheredStage& stage, const float* in, float* wet, unsigned frames) {
+  float* gather = stage.gather.data();
+  float* output = stage.output.data();
+  const int block = stage.blockSize;
+  int position = stage.position;
   for (unsigned done = 0; done < frames;) {
-    const unsigned n = std::min(frames - done, static_cast<unsigned>(kBlock - position));
+    const unsigned n = std::min(frames - done, static_cast<unsigned>(block - position));
     vu::Copy(n, in + done, gather + position);
-    vu::Add_InPlace(n, tailOut + position, wet + done);
+    vu::Add_InPlace(n, output + position, wet + done);
     position += static_cast<int>(n);
     done += n;
-    if (position == kBlock) {
-      state.tail.ProcessBlock(gather, tailOut);
+    if (position == block) {
+      stage.convolution.ProcessBlock(gather, output);
       position = 0;
     }
   }
-  state.position = position;
+  stage.position = position;
 }
 
 void BoxModeler::ProcessChunk(unsigned frames, float* const* channels,
@@ -171,7 +199,9 @@ void BoxModeler::ProcessChunk(unsigned frames, float* const* channels,
     if (x == nullptr || skip.IsSet(ch)) continue;
     ChannelState& state = *channels_[ch];
     vf::FIR(frames, x, wet, state.fir);
-    if (state.hasTail) RunPartitionedConvolution(state, x, wet, frames);
+    for (GatheredStage& stage : state.stages) {
+      if (stage.active) RunPartitionedConvolution(stage, x, wet, frames);
+    }
     vu::MulConstant_InPlace(frames, x, dryGain);
     vu::MulConstant_InPlace(frames, wet, wetGain);
     vu::Add_InPlace(frames, wet, x);

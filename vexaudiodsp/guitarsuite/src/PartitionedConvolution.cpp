@@ -10,37 +10,43 @@ namespace guitarsuite {
 namespace {
 namespace vt = vexaccelerate::transform;
 namespace vu = vexaccelerate::utility;
-constexpr int kOrder = 11;  // 2 * kBlockSize
 }  // namespace
 
 PartitionedConvolution::PartitionedConvolution() = default;
 PartitionedConvolution::~PartitionedConvolution() { vt::FFTFree(fft_); }
 
-bool PartitionedConvolution::Init(const float* impulse, int length) {
-  if (fft_ == nullptr && vt::FFTInit(&fft_, kOrder) != 0) {
-    numPartitions_ = 0;
-    return false;
+bool PartitionedConvolution::Init(const float* impulse, int length, int blockSize) {
+  numPartitions_ = 0;
+  int order = 4;
+  while (order <= 16 && (1 << order) != blockSize) ++order;
+  if (order > 16) return false;
+  if (fft_ == nullptr || blockSize != blockSize_) {
+    vt::FFTFree(fft_);
+    fft_ = nullptr;
+    if (vt::FFTInit(&fft_, order + 1) != 0) return false;
   }
+  blockSize_ = blockSize;
+  const int block = blockSize;
   int workBytes = 0;
   vt::FFTGetBufSize(fft_, &workBytes);
   work_.assign(static_cast<std::size_t>(std::max(workBytes, 0)), 0);
-  numPartitions_ = impulse == nullptr || length <= 0 ? 0 : (length + kBlockSize - 1) / kBlockSize;
-  const auto bins = static_cast<std::size_t>(kBins);
+  numPartitions_ = impulse == nullptr || length <= 0 ? 0 : (length + block - 1) / block;
+  const auto bins = static_cast<std::size_t>(blockSize + 1);
   const auto total = bins * static_cast<std::size_t>(numPartitions_);
   filterRe_.assign(total, 0.0f);
   filterIm_.assign(total, 0.0f);
   inputRe_.assign(total, 0.0f);
   inputIm_.assign(total, 0.0f);
-  time_.assign(2 * kBlockSize + 2, 0.0f);
-  spectrum_.assign(2 * kBlockSize + 2, 0.0f);
+  time_.assign(2 * bins, 0.0f);
+  spectrum_.assign(2 * bins, 0.0f);
   accRe_.assign(bins, 0.0f);
   accIm_.assign(bins, 0.0f);
   for (int p = 0; p < numPartitions_; ++p) {
     // Overlap-save keeps the second half of each circular result, so a
     // partition sits in the first half of its zero-padded transform.
     std::fill(time_.begin(), time_.end(), 0.0f);
-    const int count = std::min(kBlockSize, length - p * kBlockSize);
-    vu::Copy(static_cast<std::size_t>(count), impulse + p * kBlockSize, time_.data());
+    const int count = std::min(block, length - p * block);
+    vu::Copy(static_cast<std::size_t>(count), impulse + p * block, time_.data());
     vt::FFTFwd(fft_, time_.data(), spectrum_.data(), work_.data());
     for (std::size_t k = 0; k < bins; ++k) {
       filterRe_[p * bins + k] = spectrum_[2 * k];
@@ -59,16 +65,17 @@ void PartitionedConvolution::Reset() {
 }
 
 void PartitionedConvolution::ProcessBlock(const float* in, float* out) {
+  const auto block = static_cast<std::size_t>(blockSize_);
   if (numPartitions_ == 0) {
-    vu::Zero(kBlockSize, out);
+    vu::Zero(block, out);
     return;
   }
-  const std::size_t bins = kBins;
+  const std::size_t bins = block + 1;
   float* time = time_.data();
-  vu::Copy(kBlockSize, in, time + kBlockSize);
+  vu::Copy(block, in, time + block);
   vt::FFTFwd(fft_, time, spectrum_.data(), work_.data());
   // The newest block's input becomes the older half of the next frame.
-  vu::Copy(kBlockSize, time + kBlockSize, time);
+  vu::Copy(block, time + block, time);
 
   float* newRe = inputRe_.data() + static_cast<std::size_t>(current_) * bins;
   float* newIm = inputIm_.data() + static_cast<std::size_t>(current_) * bins;
@@ -101,7 +108,7 @@ void PartitionedConvolution::ProcessBlock(const float* in, float* out) {
     result[2 * k + 1] = accIm[k];
   }
   vt::FFTInv(fft_, result, result, work_.data());
-  vu::Copy(kBlockSize, result + kBlockSize, out);
+  vu::Copy(block, result + block, out);
 }
 
 }  // namespace guitarsuite
