@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "vexaccelerate/Utility.h"
-#include "vexaudiodsp/buffering/DelayLine.h"
 #include "vexaudiodsp/host/EffectRegistry.h"
 
 namespace dsp {
@@ -50,9 +49,11 @@ class GainEffect final : public Effect {
   float gain_ = 1.0f;
 };
 
-// One dsp::utility::DelayLine per channel. The delay is the effect, so it is
-// not reported as latency (a host must not compensate it away) but as a
-// tail: the delayed end of the input comes out after the input stops.
+// An integer-sample delay per channel on a plain ring. (utility::DelayLine
+// keeps a stale sample through Reset, so a reset delay would not repeat a
+// fresh one.) The delay is the effect, so it is not reported as latency (a
+// host must not compensate it away) but as a tail: the delayed end of the
+// input comes out after the input stops.
 class DelayEffect final : public Effect {
  public:
   enum Param { kMs };
@@ -73,38 +74,45 @@ class DelayEffect final : public Effect {
   explicit DelayEffect(const EffectInfo& info) : Effect(info) {}
 
   void Reset() override {
-    for (auto& line : lines_) {
-      line->Reset();
-    }
+    std::fill(ring_.begin(), ring_.end(), 0.0f);
+    position_ = 0;
   }
 
-  std::int64_t GetTailFrames() const override { return lines_.empty() ? 0 : lines_.front()->GetDelaySamples(); }
+  std::int64_t GetTailFrames() const override { return delay_; }
 
  protected:
   void Configure() override {
-    const auto ms = static_cast<float>(GetValue(kMs));
-    lines_.clear();
-    for (int ch = 0; ch < GetNumChannels(); ++ch) {
-      // One spare millisecond keeps the rounded delay clear of the line's
-      // clamp to its length.
-      auto line = vexcore::utility::MakeRef<dsp::utility::DelayLine>(static_cast<float>(GetSampleRate()), ms + 1.0f);
-      line->SetDelayMillis(ms);
-      lines_.push_back(std::move(line));
-    }
+    // Milliseconds to samples round half away from zero.
+    delay_ = static_cast<int>(std::lround(GetValue(kMs) * GetSampleRate() / 1000.0));
+    ring_.assign(static_cast<std::size_t>(delay_) * static_cast<std::size_t>(GetNumChannels()), 0.0f);
   }
 
   void ProcessBlock(float** in, float** out, int numChannels, int numFrames) override {
-    const auto n = static_cast<unsigned>(numFrames);
-    for (int ch = 0; ch < numChannels; ++ch) {
-      if (in[ch] != out[ch]) {
-        vexaccelerate::utility::Copy(n, in[ch], out[ch]);
+    if (delay_ == 0) {
+      for (int ch = 0; ch < numChannels; ++ch) {
+        if (in[ch] != out[ch]) {
+          vexaccelerate::utility::Copy(static_cast<std::size_t>(numFrames), in[ch], out[ch]);
+        }
       }
-      lines_[static_cast<std::size_t>(ch)]->ProcessInPlace(n, out[ch]);
+      return;
     }
+    for (int ch = 0; ch < numChannels; ++ch) {
+      float* ring = ring_.data() + static_cast<std::size_t>(ch) * static_cast<std::size_t>(delay_);
+      int p = position_;
+      for (int i = 0; i < numFrames; ++i) {
+        const float x = in[ch][i];
+        out[ch][i] = ring[p];
+        ring[p] = x;
+        p = p + 1 == delay_ ? 0 : p + 1;
+      }
+    }
+    position_ = static_cast<int>((position_ + static_cast<std::int64_t>(numFrames)) % delay_);
   }
 
  private:
-  std::vector<vexcore::utility::RefPtr<dsp::utility::DelayLine>> lines_;
+  int delay_ = 0;
+  int position_ = 0;
+  std::vector<float> ring_;
 };
 
 const EffectRegistration kGain{GainEffect::Info()};
