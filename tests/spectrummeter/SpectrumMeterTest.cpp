@@ -128,11 +128,13 @@ TEST(SpectrumMeter, TonesLandInTheirThirdOctaveAndCriticalBands) {
   }
 }
 
-// A band value is the root of the mean power of its bins, on the linear
-// scale; bins are at k (fs/2)/(N/2+1) Hz. At N = 512 and 48 kHz the bins sit
-// 93.4 Hz apart, so the lowest third-octave bands get none: bands 0 to 5 read
-// 0, bands 7 and 8 repeat band 6 and band 31 (above Nyquist) repeats band 30.
-TEST(SpectrumMeter, BandValuesAreRootMeanPowerOfTheirBins) {
+// A band value is the root of the band's power: the bins' powers m^2
+// summed over the window's noise bandwidth (1.5 bins for Hann, computed here
+// from the window), with bins at k (fs/2)/(N/2+1) Hz. At N = 512 and 48 kHz
+// the bins sit 93.4 Hz apart, so the lowest third-octave bands get none:
+// bands 0 to 5 read 0, bands 7 and 8 repeat band 6 and band 31 (above
+// Nyquist) repeats band 30.
+TEST(SpectrumMeter, BandValuesAreTheRootOfTheBandPower) {
   const std::vector<float> noise = vextest::Noise(512, 9);
   SpectrumMeterDSP linear(48000.0f, 1);
   linear.SetParams(SpectrumMeterDSP::kLinear, SpectrumMeterDSP::kPeakHold, SpectrumMeterDSP::kFFT512,
@@ -145,6 +147,14 @@ TEST(SpectrumMeter, BandValuesAreRootMeanPowerOfTheirBins) {
   Feed(bands, noise);
   const std::vector<float> v = Bands(bands);
   ASSERT_EQ(v.size(), 32u);
+  double sumW = 0.0, sumW2 = 0.0;
+  for (int i = 0; i < 512; ++i) {
+    const double w = 0.5 - 0.5 * std::cos(2.0 * kPi * i / 511.0);
+    sumW += w;
+    sumW2 += w * w;
+  }
+  const double enbw = 512.0 * sumW2 / (sumW * sumW);
+  EXPECT_NEAR(enbw, 1.5, 0.01);
   const double width = 24000.0 / 257.0;
   for (int b = 0; b < 32; ++b) {
     const double lo = 20.0 * std::pow(2.0, b / 3.0);
@@ -158,7 +168,7 @@ TEST(SpectrumMeter, BandValuesAreRootMeanPowerOfTheirBins) {
       }
     }
     if (count > 0) {
-      EXPECT_NEAR(v[b], std::sqrt(power / count), 1e-5) << b;
+      EXPECT_NEAR(v[b], std::sqrt(power / enbw), 1e-5) << b;
     }
   }
   for (int b = 0; b <= 5; ++b) EXPECT_EQ(v[b], 0.0f) << b;
@@ -166,6 +176,23 @@ TEST(SpectrumMeter, BandValuesAreRootMeanPowerOfTheirBins) {
   EXPECT_EQ(v[7], v[6]);
   EXPECT_EQ(v[8], v[6]);
   EXPECT_EQ(v[31], v[30]);
+}
+
+// A tone well inside a band reads its amplitude there, whatever the window
+// and frame size: 4500 Hz lies in third-octave band 23 (4064 to 5120 Hz)
+// and critical band 18 (4400 to 5300 Hz).
+TEST(SpectrumMeter, AToneReadsItsAmplitudeInItsBand) {
+  for (auto size : {SpectrumMeterDSP::kFFT2048, SpectrumMeterDSP::kFFT8192}) {
+    for (auto window : {SpectrumMeterDSP::kHann, SpectrumMeterDSP::kBlackman, SpectrumMeterDSP::kHamming}) {
+      for (auto [type, band] :
+           {std::pair{SpectrumMeterDSP::kThirdOctave, 23}, std::pair{SpectrumMeterDSP::kCriticalBand, 18}}) {
+        SpectrumMeterDSP meter(48000.0f, 1);
+        meter.SetParams(type, SpectrumMeterDSP::kInfinite, size, SpectrumMeterDSP::kOverlap50, window);
+        Feed(meter, vextest::Sine(3 * 8192, 4500.0, 48000.0, 0.25));
+        EXPECT_NEAR(Bands(meter)[band], 0.25, 0.25 * 0.03) << size << " " << window << " " << type;
+      }
+    }
+  }
 }
 
 TEST(SpectrumMeter, GetBandsPeeksOrConsumes) {

@@ -24,9 +24,12 @@ namespace spectrummeter {
 /// Scale: magnitudes are in linear full scale, window-corrected, so a sine of
 /// amplitude A centred on a bin reads A in that bin (the DC bin reads twice
 /// its level, as the single-sided scale doubles every bin). A band value is
-/// the square root of the mean power m^2 of the bins in it, on the same
-/// scale as the linear values (it lies below the lowest band edge, so bands never hold it); a
-/// band holding one bin reads that bin's value. Bin k stands for k (fs / 2) /
+/// the square root of the band's power on the same scale: the mean of the
+/// bins' powers m^2, times the number of bins, over the window's equivalent
+/// noise bandwidth (1.5 bins for Hann), so a tone well inside a band reads
+/// its amplitude in that band whatever the frame size and window, and noise
+/// reads its power in the band. The DC bin (0 Hz) lies below the lowest band
+/// edge and never enters a band. Bin k stands for k (fs / 2) /
 /// (N / 2 + 1) Hz and belongs to the highest band whose lower edge it has
 /// reached; bins below 20 Hz are left out, and a band that no bin reaches
 /// shows the band below it (the lowest one shows 0).
@@ -160,6 +163,8 @@ class VEXAUDIODSP_API SpectrumMeterDSP : public vexcore::utility::RefCountedObje
   int hop_ = 0;
   unsigned numValues_ = 0;
   double gain_ = 1.0;
+  /// Equivalent noise bandwidth of the window in bins, N sum(w^2) / sum(w)^2.
+  double noiseBandwidth_ = 1.0;
   float decayPerFrame_ = 1.0f;
   vexaccelerate::FFTState_Float* fft_ = nullptr;
   std::vector<float> frame_;

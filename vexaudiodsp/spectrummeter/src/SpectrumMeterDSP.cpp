@@ -160,7 +160,9 @@ void SpectrumMeterDSP::RebuildWindow() {
       break;
   }
   const double sum = vu::Sum(n, windowTable_.data());
+  const double sumSquares = vu::Dot(n, windowTable_.data(), windowTable_.data());
   gain_ = sum != 0.0 ? n_ / sum : 1.0;
+  noiseBandwidth_ = sum != 0.0 && sumSquares > 0.0 ? n_ * sumSquares / (sum * sum) : 1.0;
 }
 
 void SpectrumMeterDSP::RebuildBands() {
@@ -303,7 +305,10 @@ void SpectrumMeterDSP::ProcessBand() {
       const double power = (re * re + im * im) * powerScale;
       mean += (power - mean) / (k - first + 1);
     }
-    mags[b] = static_cast<float>(std::sqrt(mean));
+    // The mean times the bin count over the window's noise bandwidth is the
+    // band's power on the scale of the linear values: a tone inside the band
+    // reads its amplitude, whatever the frame size and window.
+    mags[b] = static_cast<float>(std::sqrt(mean * (end - first) / noiseBandwidth_));
     below = mags[b];
   }
   Accumulate(mags);
