@@ -46,8 +46,8 @@ namespace boxmodeler {
 /// tail at tap 1024 absorbs that lag, so at 100 % mix the wet output is the
 /// impulse response sample for sample (within float rounding), with no
 /// latency and no dependence on the host's block split. The head FIR is
-/// built the same way further down: taps 0 ... 31 direct, taps 32 ... 255 in
-/// 32-frame partitions, taps 256 ... 1023 in 256-frame partitions, which
+/// built the same way further down: taps 0 ... 63 direct, taps 64 ... 511 in
+/// 64-frame partitions, taps 512 ... 1023 in one 512-frame partition, which
 /// costs a fraction of 1024 direct taps.
 ///
 /// Then: output = input (1 - mix/100) + wet mix/100. For two channels (and
@@ -74,7 +74,9 @@ class VEXAUDIODSP_API BoxModeler : public vexcore::utility::RefCountedObject {
   static constexpr int kNumStages = 3;
   static constexpr float kMaxSeparationMillis = 10.0f;
 
-  BoxModeler(float sampleRate, const vexmediatypes::AudioChannelLayout& layout, unsigned maxBlockSize = 1024);
+  /// Builds the impulse of `model` and `mic` (clamped) right away.
+  BoxModeler(float sampleRate, const vexmediatypes::AudioChannelLayout& layout, unsigned maxBlockSize = 1024,
+             int model = 0, int mic = 0);
   ~BoxModeler() override;
   BoxModeler(const BoxModeler&) = delete;
   BoxModeler& operator=(const BoxModeler&) = delete;

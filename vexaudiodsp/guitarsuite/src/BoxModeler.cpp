@@ -16,12 +16,12 @@ namespace vu = vexaccelerate::utility;
 namespace vf = vexaccelerate::filter;
 constexpr int kBlock = PartitionedConvolution::kBlockSize;
 static_assert(BoxModeler::kHeadLength == kBlock, "the tail's one-block lag is absorbed by a head of one block");
-// The head is itself a zero-latency FIR built like the whole: taps 0 ... 31
-// direct, then stages of partitions of 32, 256 and (the tail) 1024 frames,
+// The head is itself a zero-latency FIR built like the whole: taps 0 ... 63
+// direct, then stages of partitions of 64, 512 and (the tail) 1024 frames,
 // each starting at its own block size so that the taps before it absorb its
 // one-block lag. The result equals a direct FIR of the whole impulse.
-constexpr int kDirectTaps = 32;
-constexpr int kStageBlocks[BoxModeler::kNumStages] = {32, 256, kBlock};
+constexpr int kDirectTaps = 64;
+constexpr int kStageBlocks[BoxModeler::kNumStages] = {64, 512, kBlock};
 
 float Clamp(float value, float lo, float hi) { return std::isnan(value) ? lo : std::min(std::max(value, lo), hi); }
 }  // namespace
@@ -58,10 +58,13 @@ struct BoxModeler::ChannelState {
   ~ChannelState() { vf::FIRFree(fir); }
 };
 
-BoxModeler::BoxModeler(float sampleRate, const vexmediatypes::AudioChannelLayout& layout, unsigned maxBlockSize)
+BoxModeler::BoxModeler(float sampleRate, const vexmediatypes::AudioChannelLayout& layout, unsigned maxBlockSize,
+                       int model, int mic)
     : layout_(layout),
       sampleRate_(std::isfinite(sampleRate) && sampleRate >= 1000.0f ? sampleRate : 48000.0f),
-      maxBlockSize_(std::max(maxBlockSize, 1u)) {
+      maxBlockSize_(std::max(maxBlockSize, 1u)),
+      model_(std::min(std::max(model, 0), kNumModels - 1)),
+      mic_(std::min(std::max(mic, 0), kNumMicTypes - 1)) {
   wet_.assign(maxBlockSize_, 0.0f);
   RebuildDelayLines();
   UpdateSetBoxModelMicType();
@@ -151,8 +154,18 @@ void BoxModeler::Reset() {
     vf::FIRReset(state->fir);
     for (GatheredStage& stage : state->stages) stage.Reset();
   }
-  if (leftDelay_) leftDelay_->Reset();
-  if (rightDelay_) rightDelay_->Reset();
+  // DelayLine::Reset may keep one stale sample; pushing a whole buffer of
+  // silence through leaves nothing of the past, as in a fresh line.
+  for (utility::DelayLine* line : {leftDelay_.get(), rightDelay_.get()}) {
+    if (line == nullptr) continue;
+    line->Reset();
+    vu::Zero(wet_.size(), wet_.data());
+    for (unsigned done = 0; done < line->GetBufferLength();) {
+      const auto n = std::min(static_cast<unsigned>(wet_.size()), line->GetBufferLength() - done);
+      line->ProcessInPlace(n, wet_.data());
+      done += n;
+    }
+  }
 }
 
 void BoxModeler::ProcessInPlace(unsigned frames, float* const* channels,

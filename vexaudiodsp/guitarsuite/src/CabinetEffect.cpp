@@ -51,11 +51,9 @@ class CabinetEffect final : public host::Effect {
 
  protected:
   void Configure() override {
-    box_ = vexcore::utility::MakeRef<BoxModeler>(static_cast<float>(GetSampleRate()),
-                                                 vexmediatypes::CreateDefaultChannelLayout(GetNumChannels()),
-                                                 static_cast<unsigned>(kMaxBlock));
-    box_->SetBoxModel(static_cast<int>(GetValue(kModel)));
-    box_->SetMicType(static_cast<int>(GetValue(kMic)));
+    box_ = vexcore::utility::MakeRef<BoxModeler>(
+        static_cast<float>(GetSampleRate()), vexmediatypes::CreateDefaultChannelLayout(GetNumChannels()),
+        static_cast<unsigned>(kMaxBlock), static_cast<int>(GetValue(kModel)), static_cast<int>(GetValue(kMic)));
   }
 
   void ApplyParameters() override {
