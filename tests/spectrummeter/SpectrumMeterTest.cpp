@@ -94,6 +94,40 @@ TEST(SpectrumMeter, LinearValuesMatchADirectDft) {
   EXPECT_LT(worst, 2e-6);
 }
 
+// Overlapping frames: at 30 % overlap of 512 the hop is (int)(0.7 * 512) =
+// 358, so 870 samples make two frames, starting at 0 and 358; the
+// cumulative mean is the mean of their two direct DFT magnitudes.
+TEST(SpectrumMeter, OverlappedFramesStartOneHopApart) {
+  const int n = 512, hop = 358;
+  const std::vector<float> x = vextest::Noise(n + hop, 12);
+  SpectrumMeterDSP meter(48000.0f, 1);
+  meter.SetParams(SpectrumMeterDSP::kLinear, SpectrumMeterDSP::kInfinite, SpectrumMeterDSP::kFFT512,
+                  SpectrumMeterDSP::kOverlap30, SpectrumMeterDSP::kBartlett);
+  ASSERT_EQ(meter.GetHopSize(), hop);
+  const float* first[] = {x.data()};
+  meter.Process(first, 300, Mask());
+  const float* rest[] = {x.data() + 300};
+  meter.Process(rest, n + hop - 300, Mask());
+  const std::vector<float> got = Bands(meter);
+  std::vector<long double> w(n);
+  long double sumW = 0;
+  for (int i = 0; i < n; ++i) {
+    w[i] = 1.0L - std::fabs((i - (n - 1) / 2.0L) / ((n - 1) / 2.0L));
+    sumW += w[i];
+  }
+  double worst = 0.0;
+  for (int k = 0; k <= n / 2; k += 3) {
+    long double mean = 0;
+    for (int start : {0, hop}) {
+      std::complex<long double> acc = 0;
+      for (int i = 0; i < n; ++i) acc += x[start + i] * w[i] * std::polar(1.0L, -2.0L * kPi * k * i / n);
+      mean += std::abs(acc) * 2.0L / sumW / 2.0L;
+    }
+    worst = std::max(worst, static_cast<double>(std::fabs(got[k] - mean)));
+  }
+  EXPECT_LT(worst, 2e-6);
+}
+
 TEST(SpectrumMeter, OnBinSineReadsItsAmplitudeWithEveryWindow) {
   const int n = 2048;
   const int bin = 100;
