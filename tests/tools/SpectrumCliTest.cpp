@@ -124,49 +124,88 @@ TEST_F(SpectrumCliTest, BadUsageAndFailedRuns) {
   EXPECT_NE(tooShort.err.find("too short"), std::string::npos) << tooShort.err;
 }
 
-// What the command line writes as .au, sox reads back as little-endian
-// float (to an ulp: sox converts through 32-bit integers scaled by 2^31 - 1); what it
-// reads, it reads exactly.
-TEST_F(SpectrumCliTest, AuFilesRoundTripThroughSox) {
+// Every command reads and writes .au through the library's AU classes:
+// sox reads what we write (to an ulp: it converts through 32-bit integers
+// scaled by 2^31 - 1), what we write reads back exactly, other AU flavours
+// still open through libsndfile, and integer output to .au is refused.
+TEST_F(SpectrumCliTest, AuFilesThroughTheCommandLine) {
   if (std::system("sox --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "sox is not installed";
-  const std::vector<float> left = vextest::Noise(3000, 1), right = vextest::Noise(3000, 2);
+  const int frames = 3000;
+  const std::vector<float> left = vextest::Noise(frames, 1), right = vextest::Noise(frames, 2);
   {
-    vexdsp::AuOutput out(Path("noise.au"), 2, 44100);
-    const float* planar[] = {left.data(), right.data()};
-    out.Write(planar, 1000);
-    planar[0] += 1000;
-    planar[1] += 1000;
-    out.Write(planar, 2000);
-    out.Commit();
+    SF_INFO info{0, 44100, 2, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, 0};
+    SNDFILE* file = sf_open(Path("in.wav").c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr);
+    std::vector<float> interleaved;
+    for (int i = 0; i < frames; ++i) interleaved.insert(interleaved.end(), {left[i], right[i]});
+    sf_writef_float(file, interleaved.data(), frames);
+    sf_close(file);
   }
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 1) << "no temporary file left";
-  EXPECT_EQ(Shell("soxi -r noise.au").out, "44100\n");
-  EXPECT_EQ(Shell("soxi -c noise.au").out, "2\n");
-  EXPECT_EQ(Shell("soxi -s noise.au").out, "3000\n");
-  ASSERT_EQ(Shell("sox noise.au -t raw -e floating-point -b 32 -L noise.raw").exitCode, 0);
-  const std::string raw = ReadText(Path("noise.raw"));
-  ASSERT_EQ(raw.size(), 3000u * 2 * 4);
-  std::vector<float> interleaved(6000);
-  std::memcpy(interleaved.data(), raw.data(), raw.size());
-  for (int i = 0; i < 3000; ++i) {
-    ASSERT_NEAR(interleaved[2 * i], left[i], 1e-7) << i;
-    ASSERT_NEAR(interleaved[2 * i + 1], right[i], 1e-7) << i;
+  RunResult r = Run("process in.wav out.au gain");
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 2) << "no temporary file left";
+  EXPECT_EQ(ReadText(Path("out.au")).substr(0, 4), "dns.");
+  EXPECT_EQ(Shell("soxi -r out.au").out, "44100\n");
+  EXPECT_EQ(Shell("soxi -c out.au").out, "2\n");
+  EXPECT_EQ(Shell("soxi -s out.au").out, "3000\n");
+  ASSERT_EQ(Shell("sox out.au -t raw -e floating-point -b 32 -L out.raw").exitCode, 0);
+  const std::string raw = ReadText(Path("out.raw"));
+  ASSERT_EQ(raw.size(), static_cast<std::size_t>(frames) * 2 * 4);
+  std::vector<float> soxed(static_cast<std::size_t>(frames) * 2);
+  std::memcpy(soxed.data(), raw.data(), raw.size());
+  for (int i = 0; i < frames; ++i) {
+    ASSERT_NEAR(soxed[2 * i], left[i], 1e-7) << i;
+    ASSERT_NEAR(soxed[2 * i + 1], right[i], 1e-7) << i;
   }
 
+  r = Run("process out.au back.wav gain");
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  SF_INFO info{};
+  SNDFILE* back = sf_open(Path("back.wav").c_str(), SFM_READ, &info);
+  ASSERT_NE(back, nullptr);
+  std::vector<float> samples(static_cast<std::size_t>(frames) * 2);
+  EXPECT_EQ(sf_readf_float(back, samples.data(), frames), frames);
+  sf_close(back);
+  for (int i = 0; i < frames; ++i) {
+    ASSERT_EQ(samples[2 * i], left[i]) << i;
+    ASSERT_EQ(samples[2 * i + 1], right[i]) << i;
+  }
+  r = Run("info out.au --json");
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(nlohmann::json::parse(r.out)["frames"], frames);
+
+  EXPECT_EQ(Run("process in.wav pcm.au gain --format pcm16").exitCode, 1);
+  ASSERT_EQ(Shell("sox in.wav -e signed -b 16 -B sun.au").exitCode, 0);
+  r = Run("info sun.au --json");
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(nlohmann::json::parse(r.out)["frames"], frames);
+}
+
+TEST_F(SpectrumCliTest, AuInputSeeksAndRefusesOtherFiles) {
+  {
+    vexdsp::AuOutput out(Path("noise.au"), 1, 8000);
+    const std::vector<float> ramp = [] {
+      std::vector<float> v(5000);
+      for (int i = 0; i < 5000; ++i) v[i] = static_cast<float>(i);
+      return v;
+    }();
+    const float* planar[] = {ramp.data()};
+    out.Write(planar, 5000);
+    out.Close();
+  }
   vexdsp::AuInput in(Path("noise.au"));
-  EXPECT_EQ(in.GetNumFrames(), 3000);
-  EXPECT_EQ(in.GetSampleRate(), 44100);
-  std::vector<float> a(3000), b(3000);
-  float* planar[] = {a.data(), b.data()};
-  EXPECT_EQ(in.Read(planar, 5000), 3000);
-  EXPECT_EQ(a, left);
-  EXPECT_EQ(in.Read(planar, 10), 0);
-  ASSERT_TRUE(in.Seek(2500));
+  EXPECT_EQ(in.GetNumFrames(), 5000);
+  std::vector<float> a(10);
+  float* planar[] = {a.data()};
+  ASSERT_TRUE(in.Seek(4500));
   EXPECT_EQ(in.Read(planar, 10), 10);
-  EXPECT_EQ(b[3], right[2503]);
-  EXPECT_FALSE(in.Seek(3001));
-
+  EXPECT_EQ(a[3], 4503.0f);
+  ASSERT_TRUE(in.Seek(7));
+  EXPECT_EQ(in.Read(planar, 10), 10);
+  EXPECT_EQ(a[0], 7.0f);
+  EXPECT_FALSE(in.Seek(5001));
   std::ofstream(Path("bad.au")) << "not an au file at all";
+  EXPECT_FALSE(vexdsp::AuInput::CanRead(Path("bad.au")));
   EXPECT_THROW(vexdsp::AuInput(Path("bad.au")), vexdsp::CliError);
   EXPECT_THROW(vexdsp::AuOutput(Path("no-such-dir/x.au"), 1, 48000), vexdsp::CliError);
 }

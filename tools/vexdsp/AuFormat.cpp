@@ -1,10 +1,7 @@
 #include "AuFormat.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <filesystem>
 #include <system_error>
 
@@ -29,6 +26,11 @@ AuInput::AuInput(const std::string& path) : path_(path) {
   frames_ = bytes < dsp::AuFileBase::kHeaderBytes
                 ? 0
                 : static_cast<std::int64_t>((bytes - dsp::AuFileBase::kHeaderBytes) / frameBytes);
+}
+
+bool AuInput::CanRead(const std::string& path) {
+  dsp::AuFileReader reader;
+  return reader.Initialize(path.c_str());
 }
 
 void AuInput::Open() {
@@ -66,20 +68,8 @@ bool AuInput::Seek(std::int64_t frame) {
 
 AuOutput::AuOutput(const std::string& path, int numChannels, int sampleRate) : path_(path), numChannels_(numChannels) {
   if (numChannels <= 0 || sampleRate <= 0) throw CliError(path + ": an AU file needs channels and a sample rate");
-  const fs::path target(path);
-  tempPath_ =
-      (target.parent_path() / ("." + target.filename().string() + "." + std::to_string(::getpid()) + ".tmp")).string();
-  if (!writer_.Initialize(tempPath_.c_str(), static_cast<unsigned>(sampleRate),
-                          static_cast<std::size_t>(numChannels))) {
-    std::remove(tempPath_.c_str());
-    throw CliError(path + ": cannot be written");
-  }
-}
-
-AuOutput::~AuOutput() {
-  if (!committed_) {
-    writer_ = dsp::AuFileWriter();
-    std::remove(tempPath_.c_str());
+  if (!writer_.Initialize(path.c_str(), static_cast<unsigned>(sampleRate), static_cast<std::size_t>(numChannels))) {
+    throw CliError("cannot write '" + path + "'");
   }
 }
 
@@ -87,20 +77,13 @@ void AuOutput::Write(const float* const* planar, int numFrames) {
   if (numFrames <= 0) return;
   std::vector<const float*> channels(planar, planar + numChannels_);
   if (!writer_.WritePlanarBufferToFile(channels.data(), static_cast<std::size_t>(numFrames))) {
-    throw CliError(path_ + ": write failed");
+    throw CliError("cannot write '" + path_ + "'");
   }
 }
 
-void AuOutput::Commit() {
-  // Closing the stream flushes it; only then is the file complete.
+void AuOutput::Close() {
+  // Destroying the stream flushes and closes it.
   writer_ = dsp::AuFileWriter();
-  std::error_code error;
-  fs::rename(tempPath_, path_, error);
-  if (error) {
-    std::remove(tempPath_.c_str());
-    throw CliError(path_ + ": cannot be written (" + error.message() + ")");
-  }
-  committed_ = true;
 }
 
 }  // namespace vexdsp

@@ -20,6 +20,8 @@ constexpr int kAuFloatFormat = SF_FORMAT_AU | SF_FORMAT_FLOAT | SF_ENDIAN_LITTLE
 
 /// True for a path ending in ".au" (any case).
 bool IsAuPath(const std::string& path);
+/// True for the format ChooseOutputFormat gives a .au output.
+inline bool IsAuFormat(int sfFormat) { return sfFormat == kAuFloatFormat; }
 
 /// An .au file opened for reading as planar float. The frame count follows
 /// from the file size (a trailing partial frame is ignored). Throws CliError
@@ -27,6 +29,9 @@ bool IsAuPath(const std::string& path);
 class AuInput {
  public:
   explicit AuInput(const std::string& path);
+  /// Whether the library's reader accepts the file's header (other AU
+  /// flavours, big-endian or integer, are left to libsndfile).
+  static bool CanRead(const std::string& path);
 
   int GetNumChannels() const { return static_cast<int>(reader_.GetNumChannels()); }
   int GetSampleRate() const { return static_cast<int>(reader_.GetSampleRate()); }
@@ -49,25 +54,22 @@ class AuInput {
   std::vector<float> skip_;
 };
 
-/// An .au file being written: samples go to a hidden temporary file in the
-/// output's folder, renamed to the final name by Commit(); an uncommitted
-/// writer removes it. Throws CliError.
+/// An .au file being written at `path` (AudioFileWriter gives it its
+/// temporary file and renames it). Close() flushes and closes it; the
+/// destructor closes it too. Throws CliError.
 class AuOutput {
  public:
   AuOutput(const std::string& path, int numChannels, int sampleRate);
-  ~AuOutput();
   AuOutput(const AuOutput&) = delete;
   AuOutput& operator=(const AuOutput&) = delete;
 
   void Write(const float* const* planar, int numFrames);
-  void Commit();
+  void Close();
 
  private:
   std::string path_;
-  std::string tempPath_;
   int numChannels_;
   dsp::AuFileWriter writer_;
-  bool committed_ = false;
 };
 
 }  // namespace vexdsp
