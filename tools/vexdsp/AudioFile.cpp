@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <mutex>
 
+#include "AuFormat.h"
 #include "CliError.h"
 #include "vexaccelerate/Utility.h"
 
@@ -262,9 +263,14 @@ int ChooseOutputFormat(const std::string& outputPath, int inputFormat, SampleFor
     major = SF_FORMAT_FLAC;
   } else if (extension == ".aif" || extension == ".aiff") {
     major = SF_FORMAT_AIFF;
+  } else if (extension == ".au") {
+    if (requested == SampleFormat::kPcm16 || requested == SampleFormat::kPcm24) {
+      throw CliError("'" + outputPath + "': AU files are written as 32-bit float only");
+    }
+    return kAuFloatFormat;
   } else {
     throw CliError("cannot tell the output format from '" + outputPath +
-                   "' (name it .wav, .w64, .rf64, .flac, .aif or .aiff)");
+                   "' (name it .wav, .w64, .rf64, .flac, .aif, .aiff or .au)");
   }
 
   int subtype = 0;
@@ -339,6 +345,15 @@ AudioFileReader::AudioFileReader(const std::string& path) : path_(path) {
     if (fs::is_directory(path, error)) {
       throw CliError("cannot open '" + path + "': it is a directory");
     }
+    if (IsAuPath(path) && AuInput::CanRead(path)) {
+      au_ = std::make_unique<AuInput>(path);
+      info_.channels = au_->GetNumChannels();
+      info_.samplerate = au_->GetSampleRate();
+      info_.frames = au_->GetNumFrames();
+      info_.format = kAuFloatFormat;
+      info_.seekable = 1;
+      return;
+    }
     file_ = sf_open(path.c_str(), SFM_READ, &info_);
   }
   if (file_ == nullptr) {
@@ -359,6 +374,7 @@ AudioFileReader::~AudioFileReader() {
 }
 
 std::vector<int> AudioFileReader::GetChannelMap() const {
+  if (au_) return {};
   std::vector<int> map(static_cast<std::size_t>(info_.channels));
   if (sf_command(file_, SFC_GET_CHANNEL_MAP_INFO, map.data(), static_cast<int>(map.size() * sizeof(int))) != SF_TRUE) {
     map.clear();
@@ -367,6 +383,7 @@ std::vector<int> AudioFileReader::GetChannelMap() const {
 }
 
 bool AudioFileReader::Seek(std::int64_t frame) {
+  if (au_) return au_->Seek(frame);
   return info_.seekable != 0 && sf_seek(file_, static_cast<sf_count_t>(frame), SEEK_SET) == frame;
 }
 
@@ -374,6 +391,7 @@ int AudioFileReader::Read(float* const* planar, int numFrames) {
   if (numFrames < 1) {
     return 0;
   }
+  if (au_) return au_->Read(planar, numFrames);
   const auto channels = static_cast<std::size_t>(info_.channels);
   interleaved_.resize(std::max(interleaved_.size(), channels * static_cast<std::size_t>(numFrames)));
   const sf_count_t got = sf_readf_float(file_, interleaved_.data(), numFrames);
@@ -437,6 +455,15 @@ AudioFileWriter::AudioFileWriter(const std::string& path, int format, int numCha
     throw CliError("cannot write '" + path + "': " + message);
   }
 
+  if (IsAuFormat(format)) {
+    try {
+      au_ = std::make_unique<AuOutput>(tempPath_, numChannels, sampleRate);
+    } catch (...) {
+      Discard();
+      throw;
+    }
+    return;
+  }
   SF_INFO info{};
   info.format = format;
   info.channels = numChannels;
@@ -490,7 +517,7 @@ void AudioFileWriter::Write(const float* const* planar, int numFrames) {
   if (numFrames < 1) {
     return;
   }
-  if (file_ == nullptr) {
+  if (file_ == nullptr && !au_) {
     throw CliError("cannot write '" + path_ + "': the file is already closed");
   }
   if (maxFrames_ >= 0 && framesWritten_ + numFrames > maxFrames_) {
@@ -516,6 +543,10 @@ void AudioFileWriter::WriteFloat(const float* const* planar, int numFrames) {
       bad += std::isfinite(in[i]) ? 0 : 1;
     }
     nonFinite_[ch] += bad;
+  }
+  if (au_) {
+    au_->Write(planar, numFrames);
+    return;
   }
   interleaved_.resize(std::max(interleaved_.size(), channels * n));
   vexaccelerate::utility::Interleave(planar, channels, n, interleaved_.data());
@@ -606,12 +637,16 @@ void AudioFileWriter::FailWrite() {
 }
 
 void AudioFileWriter::Commit() {
-  if (file_ == nullptr) {
+  if (file_ == nullptr && !au_) {
     throw CliError("cannot write '" + path_ + "': the file is already closed");
   }
   errno = 0;
-  const int status = sf_close(file_);
+  const int status = au_ ? 0 : sf_close(file_);
   file_ = nullptr;
+  if (au_) {
+    au_->Close();
+    au_.reset();
+  }
   if (status != 0) {
     const std::string message = sf_error_number(status);
     Discard();
@@ -640,6 +675,7 @@ void AudioFileWriter::Commit() {
 }
 
 void AudioFileWriter::Discard() noexcept {
+  au_.reset();
   if (file_ != nullptr) {
     sf_close(file_);
     file_ = nullptr;

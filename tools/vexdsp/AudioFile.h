@@ -9,6 +9,9 @@
 
 namespace vexdsp {
 
+class AuInput;
+class AuOutput;
+
 /// Sample format asked for with --format; kKeep keeps the input's.
 enum class SampleFormat { kKeep, kFloat, kPcm16, kPcm24 };
 
@@ -82,6 +85,8 @@ class AudioFileReader {
   SF_INFO info_{};
   SNDFILE* file_ = nullptr;
   std::vector<float> interleaved_;
+  // Set for .au files the library's AU reader accepts (then file_ is null).
+  std::unique_ptr<AuInput> au_;
 };
 
 /// The last step before float samples become integers of the output's word
@@ -169,6 +174,8 @@ class AudioFileWriter {
   std::vector<float*> scratchPointers_;
   std::vector<float> interleaved_;
   std::vector<int> codes_;
+  // Set for .au outputs: the library's AU writer on the temporary file.
+  std::unique_ptr<AuOutput> au_;
 };
 
 }  // namespace vexdsp
