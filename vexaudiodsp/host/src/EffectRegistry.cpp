@@ -137,8 +137,8 @@ std::string FormatEffect(const Effect& effect, bool changedOnly) {
   char separator = ':';
   for (int i = 0; i < effect.GetNumParams(); ++i) {
     const ParamDescriptor& param = effect.GetParam(i);
-    const bool isDefault = param.kind == ParamKind::kPath ? effect.GetPath(i).empty()
-                                                          : effect.GetValue(i) == param.defaultValue;
+    const bool isDefault =
+        param.kind == ParamKind::kPath ? effect.GetPath(i).empty() : effect.GetValue(i) == param.defaultValue;
     if (changedOnly && isDefault) {
       continue;
     }
