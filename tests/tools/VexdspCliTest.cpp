@@ -1,5 +1,4 @@
-// Runs the built vexdsp binary on files made here with libsndfile; drives its
-// rendering loop directly for latency compensation (no such effect exists).
+// Runs the built vexdsp binary on files made here with libsndfile.
 
 #include <gtest/gtest.h>
 #include <sndfile.h>
@@ -18,10 +17,7 @@
 #include <tuple>
 #include <vector>
 
-#include "Render.h"
 #include "support/TestSignals.h"
-#include "vexaudiodsp/buffering/DSPProcess.h"
-#include "vexaudiodsp/buffering/DSPProcessChain.h"
 
 namespace {
 
@@ -171,7 +167,7 @@ TEST_F(VexdspCliTest, EveryErrorFailsWithOneLineAndLeavesNoFile) {
   for (const char* args :
        {"process missing.wav out.wav gain", "process text.wav out.wav gain", "process long.flac out.wav gain",
         "process wide.wav out.wav delay", "process slow.wav keep.wav gain", "process in.wav out.mp9 gain",
-        "process in.wav out.wav", "info", "process in.wav out.wav reverb", "process in.wav out.wav gain:level=1",
+        "process in.wav out.wav", "info", "process in.wav out.wav nosuch", "process in.wav out.wav gain:level=1",
         "process in.wav out.wav gain:db=abc", "process in.wav out.wav gain:db=48.5",
         "process in.wav out.wav delay:ms=-1"}) {
     SCOPED_TRACE(args);
@@ -199,52 +195,39 @@ TEST_F(VexdspCliTest, DemoWritesTheProcessedSignal) {
   EXPECT_TRUE(peak > 0.9 * expectedPeak && peak <= expectedPeak + 1e-6) << peak;
 }
 
-// A pure delay that reports its delay as latency, as a look-ahead effect
-// does. The chain runner must take exactly that delay back out.
-struct LatentDelay final : dsp::DSPProcess {
-  explicit LatentDelay(int latency) : latency_(latency) {}
-  void SetIOConfig(int numChannels, float) override {
-    history_.assign(static_cast<std::size_t>(numChannels), std::deque<float>(static_cast<std::size_t>(latency_)));
+// Usage errors exit with 2, failed runs with 1; both print one line.
+TEST_F(VexdspCliTest, UsageErrorsAndFailedRunsHaveTheirOwnStatus) {
+  Write("in.wav", MakeNoise(1, 1000, 48000, kWav16));
+  for (const char* args : {"nosuch", "process in.wav out.wav nosuch", "process in.wav out.wav gain:db=0x10",
+                           "process in.wav out.wav gain:db=1,db=2", "process in.wav out.wav --tail soon gain",
+                           "process in.wav out.wav gain:db=nan"}) {
+    SCOPED_TRACE(args);
+    EXPECT_EQ(Run(args).exitCode, 2);
   }
-  void Process(float** in, float** out, int numChannels, int numSamples) override {
-    for (std::size_t ch = 0; ch < static_cast<std::size_t>(numChannels); ++ch) {
-      for (int i = 0; i < numSamples; ++i) {
-        history_[ch].push_back(in[ch][i]);
-        out[ch][i] = history_[ch].front();
-        history_[ch].pop_front();
-      }
-    }
-  }
-  int GetLatency() const override { return latency_; }
-  int latency_;
-  std::vector<std::deque<float>> history_;
-};
+  EXPECT_EQ(Run("process missing.wav out.wav gain").exitCode, 1);
+  // Exactly at a key's limits is legal.
+  EXPECT_EQ(Run("process in.wav out.wav gain:db=-120 gain:db=48").exitCode, 0);
+}
 
-// Latencies below, at and above the 4096-frame block, alone (the chain's
-// direct path) and in pairs (its split, ping-pong path): the output must be
-// the input, sample for sample, at its full length.
-TEST(VexdspRender, CompensatedLatencyGivesBackTheInputExactly) {
-  const std::vector<std::vector<int>> chains = {{0}, {100}, {4096}, {5000}, {37, 9000}, {0, 4097, 1}};
-  for (const std::vector<int>& latencies : chains) {
-    for (std::size_t frames : {0, 1, 4095, 4097, 20000}) {
-      SCOPED_TRACE(std::to_string(frames) + " frames, first latency " + std::to_string(latencies[0]));
-      dsp::DSPProcessChain chain;
-      int total = 0;
-      for (std::size_t slot = 0; slot < latencies.size(); ++slot) {
-        chain.Add(static_cast<int>(slot), dsp::SlotInfo(std::make_shared<LatentDelay>(latencies[slot]), true));
-        total += latencies[slot];
-      }
-      chain.SetIOConfig(3, 48000.0f);
-      chain.Start();
-      ASSERT_EQ(chain.GetLatency(), total);
-      vexdsp::PlanarAudio input, output(3);
-      for (unsigned ch = 0; ch < 3; ++ch) input.push_back(vextest::Noise(frames, unsigned(frames) + total + ch));
-      vexdsp::MemorySource source(input);
-      vexdsp::MemorySink sink(output);
-      vexdsp::RenderThroughChain(chain, 3, static_cast<std::int64_t>(frames), source, sink, nullptr);
-      EXPECT_EQ(output, input);
-    }
+// --tail auto keeps the delayed end of the input; the JSON listing carries
+// every descriptor field.
+TEST_F(VexdspCliTest, TailAutoLetsTheDelayOutAndJsonListsDescriptors) {
+  Audio in = MakeNoise(1, 4800, 48000, kWavFloat);
+  Write("in.wav", in);
+  ASSERT_EQ(Run("process in.wav out.wav delay:ms=10 --tail auto").exitCode, 0);
+  const Audio out = Read("out.wav");
+  ASSERT_EQ(out.Frames(), 4800 + 480);
+  for (sf_count_t i = 0; i < in.Frames(); ++i) ASSERT_EQ(out.At(i + 480, 0), in.At(i, 0)) << i;
+  ASSERT_EQ(Run("process in.wav out2.wav delay:ms=10 --tail 0.5").exitCode, 0);
+  EXPECT_EQ(Read("out2.wav").Frames(), 4800 + 24000);
+
+  const RunResult list = Run("effects --json gain");
+  ASSERT_EQ(list.exitCode, 0);
+  for (const char* field : {"\"id\": \"db\"", "\"kind\": \"number\"", "\"unit\": \"dB\"", "\"minimum\": -120.0",
+                            "\"maximum\": 48.0", "\"scale\": \"linear\"", "\"rebuilds_state\": false"}) {
+    EXPECT_NE(list.out.find(field), std::string::npos) << field;
   }
+  EXPECT_EQ(list.out.find("\"delay\""), std::string::npos) << "the search narrows the list";
 }
 
 }  // namespace

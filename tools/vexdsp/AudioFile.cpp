@@ -201,6 +201,10 @@ std::vector<int> AudioFileReader::GetChannelMap() const {
   return map;
 }
 
+bool AudioFileReader::Seek(std::int64_t frame) {
+  return info_.seekable != 0 && sf_seek(file_, static_cast<sf_count_t>(frame), SEEK_SET) == frame;
+}
+
 int AudioFileReader::Read(float* const* planar, int numFrames) {
   if (numFrames < 1) {
     return 0;

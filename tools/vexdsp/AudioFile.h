@@ -48,6 +48,8 @@ class AudioFileReader {
   /// Reads up to numFrames frames into one array per channel; returns the
   /// number read, 0 at the end of the file.
   int Read(float* const* planar, int numFrames);
+  /// Moves the next Read to `frame`; false when the file cannot seek there.
+  bool Seek(std::int64_t frame);
 
  private:
   std::string path_;

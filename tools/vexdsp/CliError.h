@@ -5,13 +5,20 @@
 
 namespace vexdsp {
 
-/// A failure the user can act on. main() prints its message as the single
+/// A failed run the user can act on. main() prints its message as the single
 /// line "vexdsp: error: <message>" and exits with status 1, so messages are
 /// one line, name the offending file, effect or value, and end without a
 /// period.
 class CliError : public std::runtime_error {
  public:
   explicit CliError(const std::string& message) : std::runtime_error(message) {}
+};
+
+/// Bad usage: an unknown effect or key, a value that does not parse or is
+/// out of range. Printed the same way, exit status 2.
+class UsageError : public CliError {
+ public:
+  explicit UsageError(const std::string& message) : CliError(message) {}
 };
 
 }  // namespace vexdsp

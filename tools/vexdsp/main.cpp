@@ -1,79 +1,54 @@
-// vexdsp: the command line over vexaudiodsp. It reads and writes sound files
-// with libsndfile and runs the library's effects, as dsp::DSPProcess objects
-// in a dsp::DSPProcessChain, the same way a host application does.
+// vexdsp: the command line over vexaudiodsp. Each command lives in its own
+// file under commands/ and registers itself; this file only dispatches.
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <map>
 #include <new>
 #include <string>
 
 #include "CliError.h"
-#include "Commands.h"
+#include "Command.h"
 
 namespace {
 
-int ReportError(std::string message) {
+int Report(std::string message, int status) {
   std::replace(message.begin(), message.end(), '\n', ' ');
   while (!message.empty() && message.back() == ' ') {
     message.pop_back();
   }
   std::fprintf(stderr, "vexdsp: error: %s\n", message.c_str());
-  return 1;
+  return status;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"Runs vexaudiodsp effects on sound files.", "vexdsp"};
+  CLI::App app{"Runs vexaudiodsp effects, meters and converters on sound files.", "vexdsp"};
   app.require_subcommand(1);
   app.set_version_flag("--version", std::string(VEXDSP_VERSION));
   app.footer(
       "Run 'vexdsp COMMAND --help' for a command's options. Exit status: 0 on success, 1 on a failed run, 2 on "
       "bad usage.\n");
 
-  auto* info = app.add_subcommand("info", "Show a sound file's format, length, sample peak and RMS per channel.");
-  std::string infoPath;
-  info->add_option("FILE", infoPath, "Sound file to inspect")->required();
-
-  auto* process = app.add_subcommand("process", "Run a chain of effects over a sound file.");
-  vexdsp::ProcessOptions processOptions;
-  std::string formatName = "keep";
-  process->add_option("IN", processOptions.input, "Input sound file")->required();
-  process
-      ->add_option("OUT", processOptions.output,
-                   "Output sound file; .wav, .flac, .aif or .aiff picks the container. Written only on success.")
-      ->required();
-  process
-      ->add_option("EFFECT", processOptions.effects,
-                   "One or more effects, run in order, each as name:key=value,key=value or a bare name for the "
-                   "defaults (see 'vexdsp effects')")
-      ->required();
-  process
-      ->add_option("--format", formatName,
-                   "Output sample format; 'keep' (the default) keeps the input's where the container allows it")
-      ->check(CLI::IsMember({"keep", "float", "pcm16", "pcm24"}));
-  process->footer(
-      "The output is lined up with the input (the chain's latency is compensated) and has exactly its length.\n"
-      "Example: vexdsp process in.wav out.wav gain:db=-6 delay:ms=10");
-
-  auto* effects = app.add_subcommand("effects", "List the effects with their keys, units, ranges and defaults.");
-
-  auto* demo = app.add_subcommand(
-      "demo", "Run the default effect chain over a built-in 48 kHz stereo test signal and write the result.");
-  std::string demoOutput = "demo-out.wav";
-  demo->add_option("OUT", demoOutput, "Output file (float WAV)")->capture_default_str();
+  std::map<CLI::App*, std::unique_ptr<vexdsp::Command>> commands;
+  std::string names;
+  for (const vexdsp::CommandInfo* info : vexdsp::AllCommands()) {
+    CLI::App* sub = app.add_subcommand(info->name, info->summary);
+    auto command = info->create();
+    command->Configure(*sub);
+    commands.emplace(sub, std::move(command));
+    names += (names.empty() ? "" : ", ") + info->name;
+  }
 
   // CLI11 would call an unknown command a missing one; name it instead.
   if (argc > 1 && argv[1][0] != '-') {
-    bool known = false;
-    for (const CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
-      known = known || command->check_name(argv[1]);
-    }
+    const bool known = std::any_of(commands.begin(), commands.end(),
+                                   [&](const auto& entry) { return entry.first->check_name(argv[1]); });
     if (!known) {
-      ReportError(std::string("unknown command '") + argv[1] + "' (commands: info, process, effects, demo)");
-      return 2;
+      return Report(std::string("unknown command '") + argv[1] + "' (commands: " + names + ")", 2);
     }
   }
 
@@ -83,36 +58,23 @@ int main(int argc, char** argv) {
     if (error.get_exit_code() == 0) {
       return app.exit(error);  // --help, --version
     }
-    ReportError(std::string(error.what()) + " (run 'vexdsp --help')");
-    return 2;
+    return Report(std::string(error.what()) + " (run 'vexdsp --help')", 2);
   }
 
   try {
-    if (*info) {
-      return vexdsp::RunInfo(infoPath);
-    }
-    if (*process) {
-      if (formatName == "float") {
-        processOptions.format = vexdsp::SampleFormat::kFloat;
-      } else if (formatName == "pcm16") {
-        processOptions.format = vexdsp::SampleFormat::kPcm16;
-      } else if (formatName == "pcm24") {
-        processOptions.format = vexdsp::SampleFormat::kPcm24;
+    for (auto& [sub, command] : commands) {
+      if (sub->parsed()) {
+        return command->Run();
       }
-      return vexdsp::RunProcess(processOptions);
     }
-    if (*effects) {
-      return vexdsp::RunEffects();
-    }
-    if (*demo) {
-      return vexdsp::RunDemo(demoOutput);
-    }
+  } catch (const vexdsp::UsageError& error) {
+    return Report(error.what(), 2);
   } catch (const vexdsp::CliError& error) {
-    return ReportError(error.what());
+    return Report(error.what(), 1);
   } catch (const std::bad_alloc&) {
-    return ReportError("out of memory");
+    return Report("out of memory", 1);
   } catch (const std::exception& error) {
-    return ReportError(error.what());
+    return Report(error.what(), 1);
   }
-  return ReportError("no command given");
+  return Report("no command given", 2);
 }

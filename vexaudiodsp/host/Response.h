@@ -14,9 +14,9 @@ namespace host {
 /// frequencies (Hz), at `sampleRate`. Uses the effect's transfer function
 /// when it has one; otherwise it configures a fresh run of the effect (one
 /// channel, or the fewest it accepts), feeds a unit impulse, records the
-/// impulse response until it has decayed (at most 2^20 frames), and
-/// evaluates its Fourier transform at each frequency with the library's
-/// FFT (the latency is taken out of the phase). The effect is started,
+/// impulse response over its latency and declared tail plus 8192 frames
+/// (at most 2^20), and evaluates its Fourier transform exactly at each
+/// frequency (the latency is taken out of the phase). The effect is started,
 /// reset and left configured. `measured` tells which way was taken. False
 /// with the reason when the effect refuses every configuration tried.
 VEXAUDIODSP_API bool ComputeResponse(Effect& effect, double sampleRate, const std::vector<double>& frequenciesHz,

@@ -1,0 +1,88 @@
+#include "Pipeline.h"
+
+#include <cmath>
+
+#include "CliError.h"
+#include "vexaudiodsp/host/Parameter.h"
+
+namespace vexdsp {
+
+int FileSource::Read(float* const* planar, int numFrames) {
+  try {
+    const int got = reader_.Read(planar, numFrames);
+    framesRead_ += got;
+    position_ += got;
+    return got;
+  } catch (const std::exception& error) {
+    error_ = error.what();
+    return -1;
+  }
+}
+
+bool FileSource::Seek(std::int64_t frame) {
+  if (frame == position_) {
+    return true;
+  }
+  if (!reader_.Seek(frame)) {
+    return false;
+  }
+  position_ = frame;
+  return true;
+}
+
+void FileSource::Check() const {
+  if (!error_.empty()) {
+    throw CliError(error_);
+  }
+}
+
+bool FileSink::Write(const float* const* planar, int numFrames) {
+  try {
+    if (meter_ != nullptr) {
+      meter_->Add(planar, numFrames);
+    }
+    writer_.Write(planar, numFrames);
+    return true;
+  } catch (const std::exception& error) {
+    error_ = error.what();
+    return false;
+  }
+}
+
+void FileSink::Check() const {
+  if (!error_.empty()) {
+    throw CliError(error_);
+  }
+}
+
+std::unique_ptr<dsp::host::EffectChain> ParseEffectChain(const std::vector<std::string>& texts) {
+  auto chain = std::make_unique<dsp::host::EffectChain>();
+  for (const std::string& text : texts) {
+    std::string error;
+    if (!chain->Add(text, &error)) {
+      throw UsageError(error + " (run 'vexdsp effects' for the list)");
+    }
+  }
+  return chain;
+}
+
+std::int64_t ParseTail(const std::string& text, const dsp::host::EffectChain& chain, double sampleRate) {
+  if (text.empty()) {
+    return 0;
+  }
+  if (text == "auto") {
+    return chain.GetTailFrames();
+  }
+  double seconds = 0.0;
+  if (!dsp::host::ParseDecimal(text, &seconds) || seconds < 0.0 || seconds > 3600.0) {
+    throw UsageError("--tail " + text + " is not 'auto' or a number of seconds from 0 to 3600");
+  }
+  return std::llround(seconds * sampleRate);
+}
+
+std::string DescribeStream(int format, int numChannels, int sampleRate, std::int64_t frames) {
+  return DescribeFormat(format) + ", " + std::to_string(numChannels) + " ch, " + std::to_string(sampleRate) + " Hz, " +
+         (frames < 0 ? std::string("length unknown") : std::to_string(frames) + " frames");
+}
+
+}  // namespace vexdsp

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "AudioFile.h"
+#include "Levels.h"
+#include "vexaudiodsp/host/Render.h"
+
+namespace vexdsp {
+
+/// A sound file as a frame source for the library's renderers. Read errors
+/// are kept and rethrown by Check(), so no exception passes through the
+/// library.
+class FileSource final : public dsp::host::FrameSource {
+ public:
+  explicit FileSource(AudioFileReader& reader) : reader_(reader) {}
+  int Read(float* const* planar, int numFrames) override;
+  bool Seek(std::int64_t frame) override;
+  /// Throws the kept read error, if any.
+  void Check() const;
+  std::int64_t GetFramesRead() const { return framesRead_; }
+
+ private:
+  AudioFileReader& reader_;
+  std::string error_;
+  std::int64_t framesRead_ = 0;
+  std::int64_t position_ = 0;
+};
+
+/// A sound file being written, optionally metered on the way.
+class FileSink final : public dsp::host::FrameSink {
+ public:
+  explicit FileSink(AudioFileWriter& writer, LevelMeter* meter = nullptr) : writer_(writer), meter_(meter) {}
+  bool Write(const float* const* planar, int numFrames) override;
+  void Check() const;
+
+ private:
+  AudioFileWriter& writer_;
+  LevelMeter* meter_;
+  std::string error_;
+};
+
+/// Builds a chain from effect texts (`name:key=value,...`); UsageError for
+/// an unknown effect or key or a refused value.
+std::unique_ptr<dsp::host::EffectChain> ParseEffectChain(const std::vector<std::string>& texts);
+
+/// The frames a `--tail` value asks for: "" or "0" none, "auto" the chain's
+/// declared tail, otherwise seconds (decimal, 0 to 3600). UsageError when it
+/// does not parse.
+std::int64_t ParseTail(const std::string& text, const dsp::host::EffectChain& chain, double sampleRate);
+
+/// "WAV (Microsoft), 32 bit float, 2 ch, 48000 Hz, 96000 frames".
+std::string DescribeStream(int format, int numChannels, int sampleRate, std::int64_t frames);
+
+}  // namespace vexdsp
