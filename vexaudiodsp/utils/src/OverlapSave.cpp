@@ -36,6 +36,12 @@ bool OverlapSave::Setup(int fftSize, int numChannels, int latency, int hop, int 
   Release();
   configured_ = false;
   suspended_ = false;
+  fftSize_ = 0;
+  numChannels_ = 0;
+  latency_ = 0;
+  hop_ = 0;
+  regionStart_ = 0;
+  regionLength_ = 0;
   if (!IsPowerOfTwo(fftSize) || fftSize < kMinFFTSize || fftSize > kMaxFFTSize) return false;
   if (numChannels < 1 || numChannels > kMaxChannels) return false;
   if (hop < 1 || hop > fftSize || latency < hop - 1 || latency > fftSize - 1) return false;
