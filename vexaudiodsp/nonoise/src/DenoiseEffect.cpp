@@ -21,6 +21,8 @@ using host::ParamDescriptor;
 // written with rounding.
 constexpr double kRateTolerance = 0.5;
 
+std::string Channels(int n) { return std::to_string(n) + (n == 1 ? " channel" : " channels"); }
+
 class DenoiseEffect final : public Effect {
  public:
   enum Param { kPrint, kReduction, kThreshold, kTilt, kSmoothing, kPosition, kSynthesis };
@@ -65,8 +67,8 @@ class DenoiseEffect final : public Effect {
     std::string base = Effect::CheckIO(numChannels, sampleRate);
     if (!base.empty() || !HasPrint()) return base;
     if (print_.GetChannels() != 1 && print_.GetChannels() != numChannels) {
-      return "cannot use a noise print of " + std::to_string(print_.GetChannels()) + " channels on audio of " +
-             std::to_string(numChannels) + " channels (capture the print from the same file, or a mono one)";
+      return "cannot use a noise print of " + Channels(print_.GetChannels()) + " on audio of " + Channels(numChannels) +
+             " (capture the print from the same file, or a mono one)";
     }
     if (std::fabs(print_.GetSampleRate() - sampleRate) > kRateTolerance) {
       return "cannot use a noise print captured at " + host::FormatNumber(print_.GetSampleRate()) + " Hz on audio at " +
