@@ -89,6 +89,8 @@ struct VEXAUDIODSP_API NOISEREDUCER {
   double** lowLevel = nullptr;
   double** highLevel = nullptr;
   double** baseReduction = nullptr;
+  /// Per channel scratch: the frame's (smoothed) magnitudes.
+  double** magnitude = nullptr;
 };
 
 /// Writes the defaults above to the scalar fields; arrays are untouched.

@@ -126,6 +126,8 @@ class VEXAUDIODSP_API OverlapSave : public DSPProcess {
   // emit.
   int filled_ = 0;
   int readPos_ = 0;
+  // Where the current frame starts in each channel's history.
+  int historyOffset_ = 0;
   int tailLeft_ = 0;
 
   IppFFT32R fft_;
@@ -138,15 +140,16 @@ class VEXAUDIODSP_API OverlapSave : public DSPProcess {
   std::vector<float> crossfadeWeights_;
   std::vector<float> segmentWeights_;
 
-  // One aligned block carved into per-channel history (N), overlap-add sums
-  // (region), spectrum re/im (N/2 + 1 each) and one shared transform buffer
-  // (N + 2).
+  // One aligned block carved into per-channel history (2N), overlap-add sums
+  // (region), spectrum re/im (N/2 + 1 each), and the shared transform (N + 2)
+  // and windowed-frame (N) buffers.
   float* block_ = nullptr;
   std::vector<float*> history_;
   std::vector<float*> sums_;
   std::vector<float*> re_;
   std::vector<float*> im_;
   float* transform_ = nullptr;
+  float* windowed_ = nullptr;
 };
 
 }  // namespace dsp

@@ -113,8 +113,10 @@ void OverlapSave::SetScalers(float inputScale, float outputScale) {
 bool OverlapSave::Allocate() {
   const std::size_t n = Size(fftSize_);
   const std::size_t bins = n / 2 + 1;
-  const std::size_t perChannel = n + Size(regionLength_) + 2 * bins;
-  const std::size_t total = perChannel * Size(numChannels_) + n + 2;
+  // History gets room for 2N samples: frames slide along it and the tail
+  // moves back to the start only once every N / H frames.
+  const std::size_t perChannel = 2 * n + Size(regionLength_) + 2 * bins;
+  const std::size_t total = perChannel * Size(numChannels_) + 2 * n + 2;
   block_ = vu::Malloc_Float(total);
   if (block_ == nullptr) return false;
   vu::Zero(total, block_);
@@ -125,12 +127,13 @@ bool OverlapSave::Allocate() {
   float* p = block_;
   for (std::size_t c = 0; c < Size(numChannels_); ++c) {
     history_[c] = p;
-    sums_[c] = p + n;
+    sums_[c] = p + 2 * n;
     re_[c] = sums_[c] + regionLength_;
     im_[c] = re_[c] + bins;
     p += perChannel;
   }
   transform_ = p;
+  windowed_ = p + n + 2;
   return true;
 }
 
@@ -138,6 +141,7 @@ void OverlapSave::Release() {
   vu::Free(block_);
   block_ = nullptr;
   transform_ = nullptr;
+  windowed_ = nullptr;
   history_.clear();
   sums_.clear();
   re_.clear();
@@ -157,11 +161,12 @@ void OverlapSave::Reset() {
   // emitted; the history and sums start as silence.
   filled_ = hop_ - 1;
   readPos_ = hop_;
+  historyOffset_ = 0;
   tailLeft_ = latency_;
   if (block_ == nullptr) return;
   const std::size_t n = Size(fftSize_);
   for (int c = 0; c < numChannels_; ++c) {
-    vu::Zero(n, history_[Size(c)]);
+    vu::Zero(2 * n, history_[Size(c)]);
     vu::Zero(Size(regionLength_), sums_[Size(c)]);
   }
 }
@@ -219,7 +224,7 @@ void OverlapSave::RunFrames(float** data, int numChannels, int numSamples, bool 
   while (offset < numSamples) {
     const int take = std::min(numSamples - offset, hop - filled_);
     for (int c = 0; c < numChannels; ++c) {
-      vu::Copy(Size(take), data[c] + offset, history_[Size(c)] + (n - hop + filled_));
+      vu::Copy(Size(take), data[c] + offset, history_[Size(c)] + (historyOffset_ + n - hop + filled_));
     }
     filled_ += take;
     if (filled_ == hop) {
@@ -247,8 +252,9 @@ void OverlapSave::RunFrame(int numChannels, bool alternative) {
   const std::size_t region = Size(regionLength_);
   float* t = transform_;
   for (int c = 0; c < numChannels; ++c) {
-    vu::Mul(n, history_[Size(c)], scaledWindow_.data(), t);
-    fft_.FFT(t, 1);
+    // Out of place: FFTW's in-place real transform spends an extra copy.
+    vu::Mul(n, history_[Size(c)] + historyOffset_, scaledWindow_.data(), windowed_);
+    fft_.FFT(windowed_, t, 1);
     float* re = re_[Size(c)];
     float* im = im_[Size(c)];
     for (std::size_t k = 0; k < bins; ++k) {
@@ -272,10 +278,18 @@ void OverlapSave::RunFrame(int numChannels, bool alternative) {
     vu::Zero(hop, sums + (region - hop));
     const float* frame = t + regionStart_;
     for (std::size_t u = 0; u < region; ++u) sums[u] += frame[u] * weights[u];
-    float* history = history_[Size(c)];
-    vu::Move(n - hop, history + hop, history);
   }
   readPos_ = 0;
+  // The next frame starts H later; when its newest samples would not fit,
+  // its first N - H move back to the start.
+  historyOffset_ += hop_;
+  if (historyOffset_ + fftSize_ > 2 * fftSize_) {
+    for (int c = 0; c < numChannels_; ++c) {
+      float* history = history_[Size(c)];
+      vu::Move(n - hop, history + historyOffset_, history);
+    }
+    historyOffset_ = 0;
+  }
 }
 
 }  // namespace dsp
