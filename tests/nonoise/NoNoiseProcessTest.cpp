@@ -282,15 +282,15 @@ TEST(NoNoiseProcess, QualityOnTonesInWhiteNoise) {
 class NoNoiseStreaming : public ::testing::Test {
  protected:
   void SetUp() override {
-    l_ = vextest::Noise(60000, 8, 0.05);
-    r_ = vextest::Noise(60000, 9, 0.2);
-    const std::vector<float> tone = vextest::Sine(60000, 1000.0, 48000.0, 0.3);
-    for (std::size_t i = 30000; i < 60000; ++i) {
+    l_ = vextest::Noise(32000, 8, 0.05);
+    r_ = vextest::Noise(32000, 9, 0.2);
+    const std::vector<float> tone = vextest::Sine(32000, 1000.0, 48000.0, 0.3);
+    for (std::size_t i = 16000; i < 32000; ++i) {
       l_[i] += tone[i];
       r_[i] += tone[i];
     }
-    dsp::host::MemorySource source({l_.data(), r_.data()}, 30000);
-    ASSERT_TRUE(dsp::nonoise::CaptureNoisePrintFromSource(source, 2, 48000.0, 0, 30000, 2048, &print_, nullptr));
+    dsp::host::MemorySource source({l_.data(), r_.data()}, 16000);
+    ASSERT_TRUE(dsp::nonoise::CaptureNoisePrintFromSource(source, 2, 48000.0, 0, 16000, 2048, &print_, nullptr));
   }
 
   std::vector<std::vector<float>> Run(NoNoiseProcess& proc, int block) {
@@ -314,7 +314,7 @@ TEST_F(NoNoiseStreaming, BlockSplitResetAndSegmentsPath) {
     NoNoiseProcess whole(&print_.GetRecord());
     whole.GetParam()->mode = static_cast<std::int16_t>(mode);
     whole.Start();
-    const auto reference = Run(whole, 60000);
+    const auto reference = Run(whole, 32000);
     for (int block : {1, 7, 512, 4096, 10000}) {
       if (block == 1 && mode == 2) continue;
       NoNoiseProcess split(&print_.GetRecord());
