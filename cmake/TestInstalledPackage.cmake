@@ -36,3 +36,10 @@ separate_arguments(flags UNIX_COMMAND "${flags}")
 run(${CXX} -std=c++17 ${SOURCE_DIR}/examples/consumer/main.cpp ${flags} -Wl,-rpath,${prefix}/lib
     -o ${WORK_DIR}/consumer-pc)
 run(${WORK_DIR}/consumer-pc)
+
+# The Python module, where it was built: imported from the install tree
+# alone, it finds the library through its relative RPATH.
+if(PYTHON AND PYTHON_DIR)
+  set(ENV{PYTHONPATH} ${prefix}/${PYTHON_DIR})
+  run(${PYTHON} -c "import vexaudiodsp, numpy; assert abs(vexaudiodsp.Effect('gain', db=-6).process(numpy.ones(4, numpy.float32), 48000)[0] - 0.501187) < 1e-5; print(vexaudiodsp.__file__)")
+endif()

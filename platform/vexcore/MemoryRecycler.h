@@ -12,9 +12,11 @@ namespace utility {
 /// heap allocation. Size classes are the powers of two from 64 bytes to 1 GiB;
 /// the size token is the class's byte count. Blocks are 64-byte aligned. Each
 /// class caches at most 16 blocks (and at most 64 MiB, but always one block);
-/// blocks recycled beyond that go back to the heap. Thread-safe (one mutex);
-/// Allocate may reach the heap, so it belongs in configuration code only.
-/// Recycle never allocates.
+/// blocks recycled beyond that go back to the heap. Requests above 1 GiB are
+/// served straight from the heap at their size rounded up to 64 bytes (that
+/// rounded size is their token) and are freed, never cached, when recycled.
+/// Thread-safe (one mutex); Allocate may reach the heap, so it belongs in
+/// configuration code only. Recycle never allocates.
 class VEX_API MemoryRecycler {
  public:
   struct Stats {
@@ -24,9 +26,10 @@ class VEX_API MemoryRecycler {
     std::size_t cachedBytes;
   };
 
-  /// A block of at least `bytes` bytes, or null for 0 bytes, for requests
-  /// above 1 GiB and when the heap is exhausted (never throws for those).
-  /// `sizeToken` receives the size class, to be given back to Recycle (0 when
+  /// A block of at least `bytes` bytes, or null for 0 bytes, for a request
+  /// above the heap ceiling (SetMaxHeapBlock) and when the heap is exhausted
+  /// (never throws for those). `sizeToken` receives the size class (or the
+  /// rounded size of a direct block), to be given back to Recycle (0 when
   /// null is returned).
   static void* Allocate(std::size_t bytes, std::size_t& sizeToken);
   /// Returns a block obtained from Allocate with its token to the cache (null
@@ -34,6 +37,13 @@ class VEX_API MemoryRecycler {
   static void Recycle(void* block, std::size_t sizeToken) noexcept;
   /// Frees every cached block.
   static void Purge() noexcept;
+  /// The largest block Allocate takes from the heap; larger requests fail as
+  /// an exhausted heap does (blocks already cached are still served). The
+  /// default, 2^47 bytes, is all a 64-bit x86 process can address, so absurd
+  /// sizes never reach the heap. A host may lower it to cap what one buffer
+  /// can take; tests lower it to exercise the failure path.
+  static void SetMaxHeapBlock(std::size_t bytes) noexcept;
+  static std::size_t GetMaxHeapBlock() noexcept;
   static Stats GetStats() noexcept;
 };
 

@@ -7,6 +7,7 @@
 #include "support/AllocationCounter.h"
 #include "support/TestSignals.h"
 #include "vexaudiodsp/buffering/AudioBuffer.h"
+#include "vexcore/MemoryRecycler.h"
 
 namespace {
 
@@ -28,16 +29,41 @@ void FillNoise(AudioBuffer& b, std::uint32_t seed) {
   }
 }
 
+// Sees the held block, to check the layout against it.
+class ExposedBuffer : public AudioBuffer {
+ public:
+  std::uintptr_t BlockStart() const { return reinterpret_cast<std::uintptr_t>(storage_.Get()); }
+  std::uintptr_t BlockEnd() const { return BlockStart() + storage_.GetByteCount(); }
+};
+
+// Every channel starts on a cache line, after the pointer table, and its
+// capacity plus 4 spare floats lies inside the block without touching the
+// next channel.
+void ExpectLayoutInsideTheBlock(const ExposedBuffer& b) {
+  const std::uintptr_t table = reinterpret_cast<std::uintptr_t>(b.GetFloatBuffers());
+  EXPECT_EQ(table, b.BlockStart());
+  std::uintptr_t previousEnd = table + b.GetNumChannels() * sizeof(float*);
+  for (std::uint32_t ch = 0; ch < b.GetNumChannels(); ++ch) {
+    const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(b[ch]);
+    EXPECT_EQ(start % 64, 0u) << ch;
+    EXPECT_GE(start, previousEnd) << ch;
+    previousEnd = start + (b.GetBufferSize() + 4) * sizeof(float);
+    EXPECT_LE(previousEnd, b.BlockEnd()) << ch;
+  }
+}
+
 TEST(AudioBufferStorage, InitReusesTheBlockWhileItFits) {
-  AudioBuffer b;
+  ExposedBuffer b;
   b.Init(2, 887);
   float** table = b.GetFloatBuffers();
+  ExpectLayoutInsideTheBlock(b);
 
-  b.Init(1, 960);  // 2 x (887 + 20) floats + 16 bytes = 7272 bytes hold (7272 - 8) / 4 - 20 = 1796 samples
+  // One channel in a block that held two of 887 gets at least twice the room.
+  b.Init(1, 960);
   EXPECT_EQ(b.GetFloatBuffers(), table);
-  EXPECT_EQ(b.GetBufferSize(), 1796u);
+  EXPECT_GE(b.GetBufferSize(), 2u * 887u);
   EXPECT_EQ(b.GetUseSize(), 960u);
-  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(b[0]) % 64, 0u);
+  ExpectLayoutInsideTheBlock(b);
 
   b.SetChannelZero(0);
   b.Init(2, 887);
@@ -51,6 +77,58 @@ TEST(AudioBufferStorage, InitReusesTheBlockWhileItFits) {
   b.Init(3, 5000);
   EXPECT_NE(b.GetFloatBuffers(), table);
   EXPECT_EQ(b.GetBufferSize(), 5000u);
+  ExpectLayoutInsideTheBlock(b);
+}
+
+// Beyond the recycler's largest class (1 GiB; an hour of stereo at 48 kHz is
+// more) a buffer is still whole. 2^28 samples of one channel need just over
+// 1 GiB: the smallest such buffer, as AddressSanitizer makes every gigabyte
+// cost about a second.
+TEST(AudioBufferStorage, BuffersAboveTheLargestRecyclerClassWork) {
+  const std::uint32_t size = 1u << 28;
+  const std::size_t cachedBefore = vexcore::utility::MemoryRecycler::GetStats().cachedBlocks;
+  {
+    AudioBuffer b(1, size);
+    ASSERT_EQ(b.GetNumChannels(), 1u);
+    EXPECT_EQ(b.GetBufferSize(), size);
+    b[0][size - 1] = 0.5f;
+    b[0][0] = 0.25f;
+    EXPECT_EQ(b[0][size - 1], 0.5f);
+  }
+  EXPECT_EQ(vexcore::utility::MemoryRecycler::GetStats().cachedBlocks, cachedBefore);  // not kept idle
+}
+
+// A refused allocation leaves an empty buffer; a refused growth keeps the
+// samples it had.
+TEST(AudioBufferStorage, RefusedAllocationsLeaveAnEmptyOrUnchangedBuffer) {
+  using vexcore::utility::MemoryRecycler;
+  AudioBuffer overflowing(1u << 16, 1u << 31);  // 2^49 bytes: no heap is asked
+  EXPECT_EQ(overflowing.GetNumChannels(), 0u);
+  EXPECT_EQ(overflowing.GetBufferSize(), 0u);
+  EXPECT_EQ(overflowing.GetFloatBuffers(), nullptr);
+  AudioBuffer wrapping(0xFFFFFFFFu, 0xFFFFFFFFu);  // the byte count does not fit 64 bits
+  EXPECT_EQ(wrapping.GetNumChannels(), 0u);
+
+  MemoryRecycler::Purge();
+  const std::size_t ceiling = MemoryRecycler::GetMaxHeapBlock();
+  AudioBuffer kept(2, 100);
+  FillNoise(kept, 5);
+  kept.SetChannelZero(1);
+  const Vec left = Read(kept, 0, 100);
+  MemoryRecycler::SetMaxHeapBlock(4096);
+  AudioBuffer refused(2, 1u << 20);
+  kept.SetUseSize(1u << 20);
+  refused.Init(2, 1u << 20);
+  MemoryRecycler::SetMaxHeapBlock(ceiling);
+  EXPECT_EQ(refused.GetNumChannels(), 0u);
+  EXPECT_EQ(refused.GetUseSize(), 0u);
+  EXPECT_EQ(refused.GetFloatBuffers(), nullptr);
+  refused.ZeroBuffers();  // harmless on an empty buffer
+  refused.Reverse();
+  ASSERT_EQ(kept.GetNumChannels(), 2u);
+  EXPECT_EQ(kept.GetUseSize(), 100u);
+  EXPECT_EQ(Read(kept, 0, 100), left);
+  EXPECT_EQ(kept.GetChannelZeroMask() & Mask::LowBits(2), Mask(0b10));
 }
 
 TEST(AudioBufferStorage, SetUseSizeGrowthKeepsSamplesAndFlags) {
@@ -146,6 +224,48 @@ TEST_F(AudioBufferOps, MixFlagOutcomes) {
   dst_.Mix(src_);
   EXPECT_EQ(Read(dst_, 0, 64), before);
   for (std::size_t i = 0; i < 64; ++i) EXPECT_EQ(dst_[1][i], b_[i] + b_[i]);
+}
+
+// Literal expectations: reversal keeps a middle sample in place and leaves
+// flagged channels alone; ZeroBuffers ignores flags but not the use size.
+TEST(AudioBufferSamples, ReverseZeroBuffersAndCopyChannelResults) {
+  AudioBuffer b(3, 8);
+  for (std::uint32_t ch = 0; ch < 3; ++ch)
+    for (std::uint32_t i = 0; i < 8; ++i) b[ch][i] = static_cast<float>(10 * ch + i);
+  b.SetUseSize(7);
+  b.SetChannelZero(2);
+  b.Reverse();
+  EXPECT_EQ(Read(b, 0, 8), (Vec{6, 5, 4, 3, 2, 1, 0, 7}));
+  EXPECT_EQ(Read(b, 1, 8), (Vec{16, 15, 14, 13, 12, 11, 10, 17}));
+  EXPECT_EQ(Read(b, 2, 8), (Vec{20, 21, 22, 23, 24, 25, 26, 27}));
+  b.SetUseSize(6);
+  b.Reverse();
+  EXPECT_EQ(Read(b, 0, 8), (Vec{1, 2, 3, 4, 5, 6, 0, 7}));
+
+  b.CopyChannel(1, 0);  // within the buffer: the use size only
+  EXPECT_EQ(Read(b, 0, 8), (Vec{11, 12, 13, 14, 15, 16, 0, 7}));
+  b.CopyChannel(0, 2);  // into a flagged channel: copied and unflagged
+  EXPECT_EQ(Read(b, 2, 6), Read(b, 0, 6));
+  EXPECT_FALSE(b.IsChannelZero(2));
+  AudioBuffer other(2, 8);
+  for (std::uint32_t i = 0; i < 8; ++i) other[1][i] = -static_cast<float>(i);
+  b.CopyChannel(other, 1, 1);
+  EXPECT_EQ(Read(b, 1, 8), (Vec{0, -1, -2, -3, -4, -5, 10, 17}));
+  b.CopyChannel(other, 5, 1);  // no such source channel: silenced and flagged
+  EXPECT_EQ(Read(b, 1, 8), (Vec{0, 0, 0, 0, 0, 0, 10, 17}));
+  EXPECT_TRUE(b.IsChannelZero(1));
+  const Vec before = Read(b, 0, 8);
+  b.CopyChannel(1, 3);  // no such destination: nothing happens
+  EXPECT_EQ(Read(b, 0, 8), before);
+
+  b.SetChannelZero(0);
+  const Mask mask = b.GetChannelZeroMask();
+  b.ZeroBuffers();
+  for (std::uint32_t ch = 0; ch < 3; ++ch) EXPECT_EQ(Read(b, ch, 6), Vec(6, 0.0f)) << ch;
+  EXPECT_EQ(b[0][6], 0.0f);  // beyond the use size: untouched (it was 0)
+  EXPECT_EQ(b[0][7], 7.0f);
+  EXPECT_EQ(b[2][7], 27.0f);
+  EXPECT_EQ(b.GetChannelZeroMask(), mask);
 }
 
 TEST_F(AudioBufferOps, PerBlockOperationsNeverAllocate) {
@@ -250,6 +370,45 @@ TEST(AudioSubBufferView, ShiftOffsetWalksAcrossTheParent) {
     }
     for (std::uint32_t i = 0; i < 1000; ++i) ASSERT_EQ(parent[0][i], orig[i] * static_cast<float>(i / block + 1)) << i;
   }
+}
+
+// A null channel pointer from the host leaves the shell holding nothing, so
+// no operation reaches through it.
+TEST(AudioBufferShellView, NullChannelPointerGivesAnEmptyShell) {
+  std::vector<float> left(64, 0.5f), right(64, -0.5f);
+  float* ptrs[2] = {left.data(), nullptr};
+  AudioBufferShell shell;
+  shell.Init(2);
+  shell.Assign(ptrs, 64);
+  EXPECT_EQ(shell.GetUseSize(), 0u);
+  EXPECT_EQ(shell.GetBufferSize(), 0u);
+  EXPECT_TRUE(shell.IsZero());
+  EXPECT_EQ(shell[0], nullptr);
+  EXPECT_EQ(shell[1], nullptr);
+  AudioBuffer loud(2, 64);
+  FillValue(loud, 0, 1.0f);
+  FillValue(loud, 1, 1.0f);
+  shell.ClearZero();
+  shell.CopyFrom(loud);
+  shell.Mix(loud);
+  shell *= 2.0f;
+  shell.Reverse();
+  shell.ZeroBuffers();
+  shell.CopyChannel(loud, 0, 1);
+  shell.Zero();
+  EXPECT_EQ(left, Vec(64, 0.5f));
+  loud.CopyFrom(shell);  // an empty source silences
+  EXPECT_TRUE(loud.IsZero());
+  EXPECT_EQ(Read(loud, 0, 64), Vec(64, 0.0f));
+  shell.Assign(nullptr, 64);
+  EXPECT_EQ(shell.GetUseSize(), 0u);
+
+  ptrs[1] = right.data();  // a complete table works again
+  shell.Assign(ptrs, 64);
+  EXPECT_EQ(shell.GetUseSize(), 64u);
+  EXPECT_FALSE(shell.IsChannelZero(1));
+  shell *= 2.0f;
+  EXPECT_EQ(right[63], -1.0f);
 }
 
 // A sub-buffer placed past its parent's use size has a wrapped use size; no

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <initializer_list>
+#include <limits>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -204,6 +205,26 @@ TEST(DSPProcessChainLifecycle, ConfigurationStartLatencyAndForwarding) {
   EXPECT_EQ(out.Channel(5)[8999], 0.25f);
   EXPECT_EQ(on->calls.back().numChannels, 6);
   EXPECT_TRUE(off->calls.empty());  // bypassed
+}
+
+// Latencies that would wrap an int saturate instead.
+TEST(DSPProcessChainLifecycle, LatencySumsSaturate) {
+  const int max = std::numeric_limits<int>::max(), min = std::numeric_limits<int>::min();
+  DSPProcessChain chain;
+  chain.Add(1, SlotInfo(std::make_shared<MockProcess>(1.0f, max - 10), true));
+  chain.Add(2, SlotInfo(std::make_shared<MockProcess>(1.0f, 100), true));
+  EXPECT_EQ(chain.GetLatency(), max);
+  chain.Add(3, SlotInfo(std::make_shared<MockProcess>(1.0f, max), true));
+  EXPECT_EQ(chain.GetLatency(), max);
+  chain.SetIOConfig(1, 48000.0f);
+  chain.Start();
+  EXPECT_EQ(chain.GetStartLatency(), max);
+  chain.Add(2, SlotInfo(std::make_shared<MockProcess>(1.0f, -50), true));
+  EXPECT_EQ(chain.GetLatency(), max);  // (max - 10) + (-50) + max
+  DSPProcessChain negative;
+  negative.Add(1, SlotInfo(std::make_shared<MockProcess>(1.0f, min + 5), true));
+  negative.Add(2, SlotInfo(std::make_shared<MockProcess>(1.0f, -10), true));
+  EXPECT_EQ(negative.GetLatency(), min);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include "support/AllocationCounter.h"
@@ -70,6 +71,17 @@ TEST(SampleTypes, ClampingIsAsymmetricAndNaNIsSilence) {
   }
   EXPECT_EQ(f32[3], -2.0f);  // float storage does not clamp
   EXPECT_TRUE(std::isnan(f32[4]));
+}
+
+TEST(SampleTypes, TypesFromBitsAndBytesFromTypes) {
+  const std::pair<int, AudioSampleType> fromBits[] = {
+      {-5, dsp::kSampleType8Bit},       {0, dsp::kSampleType8Bit},        {1, dsp::kSampleType8Bit},
+      {8, dsp::kSampleType8Bit},        {9, dsp::kSampleType16Bit},       {16, dsp::kSampleType16Bit},
+      {17, dsp::kSampleType24Bit},      {20, dsp::kSampleType24Bit},      {24, dsp::kSampleType24Bit},
+      {25, dsp::kSampleType32BitFloat}, {32, dsp::kSampleType32BitFloat}, {64, dsp::kSampleType32BitFloat}};
+  for (const auto& [bits, type] : fromBits) EXPECT_EQ(dsp::GetSampleTypeFromBitsPerSample(bits), type) << bits;
+  const std::pair<int, std::size_t> bytes[] = {{0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 0}, {-1, 0}, {99, 0}};
+  for (const auto& [type, n] : bytes) EXPECT_EQ(dsp::GetBytesPerSampleFromSampleType(AudioSampleType(type)), n) << type;
 }
 
 TEST(SampleTypes, NothingIsWrittenForEmptyOrUnknownRequests) {

@@ -123,7 +123,7 @@ TEST(VectorOps, Int16ConversionScalesRoundsAndSaturates) {
 
 TEST(VectorOps, InterleaveRoundTrip) {
   const std::size_t n = 37;
-  for (std::size_t channels : {1u, 3u, 6u}) {
+  for (std::size_t channels : {1u, 2u, 3u, 6u}) {  // stereo has a path of its own
     vextest::PlanarBlock planar(channels, n), back(channels, n);
     const std::vector<float> noise = vextest::Noise(channels * n, 1);
     for (std::size_t c = 0; c < channels; ++c) std::copy_n(noise.begin() + c * n, n, planar.Channel(c).begin());
@@ -172,6 +172,7 @@ TEST(VectorOps, AlignedArrays) {
   ASSERT_NE(f, nullptr);
   EXPECT_EQ(reinterpret_cast<std::uintptr_t>(f) % 64, 0u);
   u::Set(1001, 1.0f, f);  // the whole array is usable
+  EXPECT_EQ(std::count(f, f + 1001, 1.0f), 1001);
   u::Free(f);
   EXPECT_EQ(u::Malloc_Float(0), nullptr);
   EXPECT_EQ(u::Malloc_Double(std::numeric_limits<std::size_t>::max() / 4), nullptr);

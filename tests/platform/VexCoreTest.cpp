@@ -62,9 +62,10 @@ TEST(MemoryRecycler, EqualClassGetsTheSameBlockBackWithoutTheHeap) {
     EXPECT_TRUE(second == first && token2 == token && MemoryRecycler::GetStats().heapAllocations == heap) << c.first;
     MemoryRecycler::Recycle(second, token2);
   }
-  for (std::size_t bytes : {std::size_t(0), (std::size_t(1) << 30) + 1, std::numeric_limits<std::size_t>::max()}) {
+  for (std::size_t bytes : {std::size_t(0), std::numeric_limits<std::size_t>::max() - 10}) {
     std::size_t t = 12345;
-    EXPECT_TRUE(MemoryRecycler::Allocate(bytes, t) == nullptr && t == 0) << bytes;
+    EXPECT_EQ(MemoryRecycler::Allocate(bytes, t), nullptr) << bytes;
+    EXPECT_EQ(t, 0u) << bytes;
   }
 
   // RecycledMemory returns its block when moved over and when destroyed.
@@ -80,6 +81,73 @@ TEST(MemoryRecycler, EqualClassGetsTheSameBlockBackWithoutTheHeap) {
     EXPECT_EQ(MemoryRecycler::GetStats().cachedBytes, 128u);
   }
   EXPECT_EQ(RecycledMemory().Allocate(510), block);
+}
+
+// Overfilling a class keeps 16 blocks, or 64 MiB worth, but at least one.
+TEST(MemoryRecycler, EachClassCachesUpToItsCap) {
+  const struct {
+    std::size_t bytes, allocated, cachedBlocks, cachedBytes;
+  } cases[] = {{1000, 20, 16, 16 * 1024},
+               {std::size_t(16) << 20, 6, 4, std::size_t(64) << 20},
+               {std::size_t(128) << 20, 2, 1, std::size_t(128) << 20}};
+  for (const auto& c : cases) {
+    MemoryRecycler::Purge();
+    std::vector<std::pair<void*, std::size_t>> blocks(c.allocated);
+    for (auto& [block, token] : blocks) block = MemoryRecycler::Allocate(c.bytes, token);
+    for (auto& [block, token] : blocks) {
+      ASSERT_NE(block, nullptr);
+      MemoryRecycler::Recycle(block, token);
+    }
+    const MemoryRecycler::Stats stats = MemoryRecycler::GetStats();
+    EXPECT_EQ(stats.cachedBlocks, c.cachedBlocks) << c.bytes;
+    EXPECT_EQ(stats.cachedBytes, c.cachedBytes) << c.bytes;
+  }
+  MemoryRecycler::Purge();
+}
+
+// Above the largest class a block is the request rounded to 64 bytes, taken
+// from the heap and given back to it, never cached.
+TEST(MemoryRecycler, BlocksAboveTheLargestClassAreDirect) {
+  MemoryRecycler::Purge();
+  const MemoryRecycler::Stats before = MemoryRecycler::GetStats();
+  const std::size_t bytes = (std::size_t(1) << 30) + 1;
+  std::size_t token = 0;
+  auto* block = static_cast<unsigned char*>(MemoryRecycler::Allocate(bytes, token));
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(token, (std::size_t(1) << 30) + 64);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % 64, 0u);
+  block[0] = 1;
+  block[token - 1] = 2;
+  MemoryRecycler::Recycle(block, token);
+  const MemoryRecycler::Stats after = MemoryRecycler::GetStats();
+  EXPECT_EQ(after.heapAllocations, before.heapAllocations + 1);
+  EXPECT_EQ(after.cachedBlocks, 0u);
+  EXPECT_EQ(after.cachedBytes, 0u);
+}
+
+// The heap ceiling makes a request fail exactly as an exhausted heap does;
+// what is cached is still served.
+TEST(MemoryRecycler, RequestsAboveTheHeapCeilingFail) {
+  MemoryRecycler::Purge();
+  const std::size_t ceiling = MemoryRecycler::GetMaxHeapBlock();
+  EXPECT_EQ(ceiling, std::size_t(1) << 47);
+  std::size_t token = 0;
+  void* cached = MemoryRecycler::Allocate(8192, token);
+  MemoryRecycler::Recycle(cached, token);
+  MemoryRecycler::SetMaxHeapBlock(4096);
+  std::size_t refused = 99;
+  EXPECT_EQ(MemoryRecycler::Allocate(20000, refused), nullptr);  // the 32 KiB class is empty
+  EXPECT_EQ(refused, 0u);
+  EXPECT_EQ(MemoryRecycler::Allocate(8000, token), cached);
+  void* small = MemoryRecycler::Allocate(4096, refused);
+  EXPECT_NE(small, nullptr);
+  RecycledMemory memory;
+  EXPECT_EQ(memory.Allocate(std::size_t(1) << 31), nullptr);
+  EXPECT_EQ(memory.GetByteCount(), 0u);
+  MemoryRecycler::SetMaxHeapBlock(ceiling);
+  MemoryRecycler::Recycle(cached, token);
+  MemoryRecycler::Recycle(small, refused);
+  MemoryRecycler::Purge();
 }
 
 TEST(MemoryRecycler, ConcurrentUseLosesAndSharesNothing) {

@@ -7,10 +7,15 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cinttypes>
+#include <climits>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 
 #include "CliError.h"
 #include "vexaccelerate/Utility.h"
@@ -63,6 +68,25 @@ bool IsPlainSampleFormat(int subtype) {
   }
 }
 
+int BytesPerSample(int format) {
+  switch (format & SF_FORMAT_SUBMASK) {
+    case SF_FORMAT_PCM_S8:
+    case SF_FORMAT_PCM_U8:
+      return 1;
+    case SF_FORMAT_PCM_16:
+      return 2;
+    case SF_FORMAT_PCM_24:
+      return 3;
+    case SF_FORMAT_PCM_32:
+    case SF_FORMAT_FLOAT:
+      return 4;
+    case SF_FORMAT_DOUBLE:
+      return 8;
+    default:
+      return 0;
+  }
+}
+
 bool IsCheckable(int format, int numChannels, int sampleRate) {
   SF_INFO info{};
   info.format = format;
@@ -71,36 +95,113 @@ bool IsCheckable(int format, int numChannels, int sampleRate) {
   return sf_format_check(&info) == SF_TRUE;
 }
 
-// The one temporary file in flight, removed by the signal handler when the
-// user interrupts a run. A fixed buffer because the handler may only call
-// async-signal-safe functions.
-char gTempPath[4096];
-volatile std::sig_atomic_t gTempActive = 0;
-
-extern "C" void RemoveTempAndReraise(int signal) {
-  if (gTempActive != 0) {
-    unlink(gTempPath);
-  }
-  std::signal(signal, SIG_DFL);
-  std::raise(signal);
+std::string DescribeFrames(std::int64_t frames, int sampleRate) {
+  char text[96];
+  const std::int64_t seconds = sampleRate > 0 ? frames / sampleRate : 0;
+  std::snprintf(text, sizeof(text), "%" PRId64 " frames (%" PRId64 ":%02d:%02d)", frames, seconds / 3600,
+                static_cast<int>(seconds / 60 % 60), static_cast<int>(seconds % 60));
+  return text;
 }
 
-void GuardTempFile(const std::string& path) {
+// Temporary files in flight, removed by the signal handler when a run is
+// cut short. Fixed storage because the handler may only call
+// async-signal-safe functions; a slot is claimed under a mutex by normal code
+// and published by its flag.
+constexpr int kGuardSlots = 8;
+struct GuardSlot {
+  char path[PATH_MAX];
+  volatile std::sig_atomic_t active;
+};
+GuardSlot gGuards[kGuardSlots];
+std::mutex gGuardMutex;
+
+void RemoveGuardedFiles() noexcept {
+  for (GuardSlot& slot : gGuards) {
+    if (slot.active != 0) {
+      unlink(slot.path);
+    }
+  }
+}
+
+extern "C" void RemoveTempAndResignal(int signal, siginfo_t* info, void*) {
+  RemoveGuardedFiles();
+  struct sigaction fallback {};
+  fallback.sa_handler = SIG_DFL;
+  sigemptyset(&fallback.sa_mask);
+  sigaction(signal, &fallback, nullptr);
+  const bool fault = signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL;
+  // A real fault strikes again when the handler returns, now with the default
+  // action; anything sent by kill or raise has to be sent once more.
+  if (!(fault && info != nullptr && info->si_code > 0)) {
+    raise(signal);
+  }
+}
+
+extern "C" void RemoveTempAtExit() { RemoveGuardedFiles(); }
+
+void InstallGuards() {
   static const bool installed = [] {
-    for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGXFSZ, SIGXCPU, SIGALRM, SIGUSR1, SIGUSR2,
+                       SIGVTALRM, SIGPROF, SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGSYS}) {
+      struct sigaction current {};
+      // Only where the default, terminating action is in force: a signal the
+      // caller ignores (nohup, a shell ignoring SIGPIPE) must stay ignored,
+      // and a handler someone else installed (a sanitizer's) stays theirs.
+      if (sigaction(signal, nullptr, &current) != 0 || (current.sa_flags & SA_SIGINFO) != 0 ||
+          current.sa_handler != SIG_DFL) {
+        continue;
+      }
       struct sigaction action {};
-      action.sa_handler = RemoveTempAndReraise;
+      action.sa_sigaction = RemoveTempAndResignal;
+      action.sa_flags = SA_SIGINFO;
       sigemptyset(&action.sa_mask);
       sigaction(signal, &action, nullptr);
     }
+    std::atexit(RemoveTempAtExit);
     return true;
   }();
   (void)installed;
-  if (path.size() < sizeof(gTempPath)) {
-    gTempActive = 0;
-    std::memcpy(gTempPath, path.c_str(), path.size() + 1);
-    gTempActive = 1;
+}
+
+int ClaimGuard(const std::string& path) {
+  InstallGuards();
+  if (path.size() >= sizeof(GuardSlot::path)) {
+    return -1;
   }
+  std::lock_guard<std::mutex> lock(gGuardMutex);
+  for (int i = 0; i < kGuardSlots; ++i) {
+    if (gGuards[i].active == 0) {
+      std::memcpy(gGuards[i].path, path.c_str(), path.size() + 1);
+      gGuards[i].active = 1;
+      return i;
+    }
+  }
+  return -1;
+}
+
+void ReleaseGuard(int slot) {
+  if (slot >= 0) {
+    std::lock_guard<std::mutex> lock(gGuardMutex);
+    gGuards[slot].active = 0;
+  }
+}
+
+// The hidden temporary name ".<name>.vexdsp-XXXXXX", with <name> cut short
+// (on a UTF-8 character boundary) so the whole stays within the folder's
+// file-name limit.
+std::string TempPattern(const fs::path& folder, const std::string& name, std::size_t nameMax) {
+  static constexpr char kSuffix[] = ".vexdsp-XXXXXX";
+  const std::size_t room = nameMax - 1 - (sizeof(kSuffix) - 1);
+  std::size_t keep = std::min(name.size(), room);
+  while (keep > 0 && keep < name.size() && (static_cast<unsigned char>(name[keep]) & 0xC0) == 0x80) {
+    --keep;
+  }
+  return (folder / ("." + name.substr(0, keep) + kSuffix)).string();
+}
+
+std::size_t NameMax(const fs::path& folder) {
+  const long limit = pathconf(folder.c_str(), _PC_NAME_MAX);
+  return limit > 32 ? static_cast<std::size_t>(limit) : 255;
 }
 
 }  // namespace
@@ -111,19 +212,59 @@ std::string DescribeSampleFormat(int sfFormat) { return FormatName(sfFormat & SF
 
 std::string DescribeFormat(int sfFormat) { return DescribeContainer(sfFormat) + ", " + DescribeSampleFormat(sfFormat); }
 
+int GetIntegerBits(int sfFormat) {
+  switch (sfFormat & SF_FORMAT_SUBMASK) {
+    case SF_FORMAT_PCM_S8:
+    case SF_FORMAT_PCM_U8:
+      return 8;
+    case SF_FORMAT_PCM_16:
+      return 16;
+    case SF_FORMAT_PCM_24:
+      return 24;
+    case SF_FORMAT_PCM_32:
+      return 32;
+    default:
+      return 0;
+  }
+}
+
+std::int64_t GetMaxFrames(int sfFormat, int numChannels) {
+  // Room kept for the header chunks (format, fact, peak, channel map, cues)
+  // that share the 32-bit size with the data.
+  constexpr std::int64_t kHeaderRoom = std::int64_t(1) << 20;
+  const std::int64_t bytesPerFrame = std::int64_t(BytesPerSample(sfFormat)) * numChannels;
+  switch (sfFormat & SF_FORMAT_TYPEMASK) {
+    case SF_FORMAT_WAV:
+    case SF_FORMAT_WAVEX:
+      return bytesPerFrame > 0 ? (std::int64_t(UINT32_MAX) - kHeaderRoom) / bytesPerFrame : -1;
+    case SF_FORMAT_AIFF:
+      return bytesPerFrame > 0 ? (std::int64_t(INT32_MAX) - kHeaderRoom) / bytesPerFrame : -1;
+    case SF_FORMAT_FLAC:
+      return (std::int64_t(1) << 36) - 1;
+    default:
+      return -1;
+  }
+}
+
 int ChooseOutputFormat(const std::string& outputPath, int inputFormat, SampleFormat requested, int numChannels,
-                       int sampleRate, std::string* note) {
+                       int sampleRate, std::string* note, std::int64_t expectedFrames) {
   const std::string extension = LowerExtension(outputPath);
   const int inputMajor = inputFormat & SF_FORMAT_TYPEMASK;
   int major = 0;
   if (extension == ".wav") {
-    major = inputMajor == SF_FORMAT_WAVEX ? SF_FORMAT_WAVEX : SF_FORMAT_WAV;
+    const bool keep = inputMajor == SF_FORMAT_WAVEX || inputMajor == SF_FORMAT_RF64 || inputMajor == SF_FORMAT_W64;
+    major = keep ? inputMajor : SF_FORMAT_WAV;
+  } else if (extension == ".w64") {
+    major = SF_FORMAT_W64;
+  } else if (extension == ".rf64") {
+    major = SF_FORMAT_RF64;
   } else if (extension == ".flac") {
     major = SF_FORMAT_FLAC;
   } else if (extension == ".aif" || extension == ".aiff") {
     major = SF_FORMAT_AIFF;
   } else {
-    throw CliError("cannot tell the output format from '" + outputPath + "' (name it .wav, .flac, .aif or .aiff)");
+    throw CliError("cannot tell the output format from '" + outputPath +
+                   "' (name it .wav, .w64, .rf64, .flac, .aif or .aiff)");
   }
 
   int subtype = 0;
@@ -142,9 +283,12 @@ int ChooseOutputFormat(const std::string& outputPath, int inputFormat, SampleFor
       break;
     case SampleFormat::kKeep: {
       int inputSubtype = inputFormat & SF_FORMAT_SUBMASK;
-      // 8-bit audio is unsigned in WAV and signed elsewhere; either is "8 bit".
+      // 8-bit audio is unsigned in the RIFF family and signed elsewhere;
+      // either is "8 bit".
       if (inputSubtype == SF_FORMAT_PCM_S8 || inputSubtype == SF_FORMAT_PCM_U8) {
-        inputSubtype = major == SF_FORMAT_WAV || major == SF_FORMAT_WAVEX ? SF_FORMAT_PCM_U8 : SF_FORMAT_PCM_S8;
+        const bool riff =
+            major == SF_FORMAT_WAV || major == SF_FORMAT_WAVEX || major == SF_FORMAT_RF64 || major == SF_FORMAT_W64;
+        inputSubtype = riff ? SF_FORMAT_PCM_U8 : SF_FORMAT_PCM_S8;
       }
       if (IsPlainSampleFormat(inputSubtype) && IsCheckable(major | inputSubtype, numChannels, sampleRate)) {
         subtype = inputSubtype;
@@ -159,30 +303,51 @@ int ChooseOutputFormat(const std::string& outputPath, int inputFormat, SampleFor
     }
   }
 
+  // A WAV that might outgrow its 32-bit sizes becomes RF64, which the writer
+  // lets fall back to a plain WAV on closing when the data fits after all.
+  if (major == SF_FORMAT_WAV || major == SF_FORMAT_WAVEX) {
+    const std::int64_t limit = GetMaxFrames(major | subtype, numChannels);
+    if (expectedFrames < 0 || (limit >= 0 && expectedFrames > limit)) {
+      major = SF_FORMAT_RF64;
+    }
+  }
+
   const int format = major | subtype;
   if (!IsCheckable(format, numChannels, sampleRate)) {
     throw CliError("cannot write " + DescribeFormat(format) + " with " + std::to_string(numChannels) + " channels at " +
                    std::to_string(sampleRate) + " Hz");
   }
+  const std::int64_t limit = GetMaxFrames(format, numChannels);
+  if (expectedFrames >= 0 && limit >= 0 && expectedFrames > limit) {
+    throw CliError("cannot write " + DescribeFrames(expectedFrames, sampleRate) + " to '" + outputPath +
+                   "': " + DescribeFormat(format) + " holds at most " + DescribeFrames(limit, sampleRate) + " of " +
+                   std::to_string(numChannels) + " channels (name the output .wav, .w64 or .rf64)");
+  }
   return format;
 }
 
 AudioFileReader::AudioFileReader(const std::string& path) : path_(path) {
-  std::error_code error;
-  if (!fs::exists(path, error)) {
-    throw CliError("cannot open '" + path + "': no such file");
+  if (path == "-") {
+    path_ = "standard input";
+    // The descriptor is the process's; libsndfile must not close it.
+    file_ = sf_open_fd(STDIN_FILENO, SFM_READ, &info_, SF_FALSE);
+  } else {
+    std::error_code error;
+    if (!fs::exists(path, error)) {
+      throw CliError("cannot open '" + path + "': no such file");
+    }
+    if (fs::is_directory(path, error)) {
+      throw CliError("cannot open '" + path + "': it is a directory");
+    }
+    file_ = sf_open(path.c_str(), SFM_READ, &info_);
   }
-  if (fs::is_directory(path, error)) {
-    throw CliError("cannot open '" + path + "': it is a directory");
-  }
-  file_ = sf_open(path.c_str(), SFM_READ, &info_);
   if (file_ == nullptr) {
-    throw CliError("cannot open '" + path + "': " + LibraryMessage(nullptr));
+    throw CliError("cannot open '" + path_ + "': " + LibraryMessage(nullptr));
   }
-  if (info_.channels < 1 || info_.samplerate < 1 || info_.frames < 0) {
+  if (info_.channels < 1 || info_.samplerate < 1 || (info_.seekable != 0 && info_.frames < 0)) {
     sf_close(file_);
     file_ = nullptr;
-    throw CliError("cannot open '" + path + "': it declares " + std::to_string(info_.channels) + " channels at " +
+    throw CliError("cannot open '" + path_ + "': it declares " + std::to_string(info_.channels) + " channels at " +
                    std::to_string(info_.samplerate) + " Hz");
   }
 }
@@ -219,28 +384,58 @@ int AudioFileReader::Read(float* const* planar, int numFrames) {
   return static_cast<int>(got);
 }
 
+SampleQuantizer::~SampleQuantizer() = default;
+
 AudioFileWriter::AudioFileWriter(const std::string& path, int format, int numChannels, int sampleRate,
                                  const std::vector<int>& channelMap)
-    : path_(path), numChannels_(numChannels) {
+    : path_(path),
+      format_(format),
+      numChannels_(numChannels),
+      sampleRate_(sampleRate),
+      bits_(GetIntegerBits(format)),
+      maxFrames_(GetMaxFrames(format, numChannels)),
+      nonFinite_(static_cast<std::size_t>(std::max(numChannels, 0)), 0) {
   const fs::path target(path);
   std::error_code error;
   if (!target.has_filename() || fs::is_directory(target, error)) {
     throw CliError("cannot write '" + path + "': it is a directory");
   }
+  if (numChannels < 1) {
+    throw CliError("cannot write '" + path + "': no channels");
+  }
   const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
-  std::string pattern = (folder / ("." + target.filename().string() + ".vexdsp-XXXXXX")).string();
+  const std::string name = target.filename().string();
+  const std::size_t nameMax = NameMax(folder);
+  if (name.size() > nameMax) {
+    throw CliError("cannot write '" + path + "': the file name is longer than the " + std::to_string(nameMax) +
+                   " bytes the folder allows");
+  }
+
+  // An output being replaced keeps its permission bits; a new one gets what
+  // any other program would give it (mkstemp makes owner-only files).
+  mode_t mode = 0;
+  struct stat existing {};
+  if (stat(path.c_str(), &existing) == 0 && S_ISREG(existing.st_mode)) {
+    mode = existing.st_mode & 07777;
+  } else {
+    const mode_t mask = umask(0);
+    umask(mask);
+    mode = 0666 & ~mask;
+  }
+
+  std::string pattern = TempPattern(folder, name, nameMax);
   const int fd = mkstemp(pattern.data());
   if (fd < 0) {
     throw CliError("cannot create a file in '" + folder.string() + "': " + std::strerror(errno));
   }
   fd_ = fd;
   tempPath_ = pattern;
-  GuardTempFile(tempPath_);
-  // mkstemp creates owner-only files; the result should look like any other
-  // file the user creates.
-  const mode_t mask = umask(0);
-  umask(mask);
-  fchmod(fd, 0666 & ~mask);
+  guardSlot_ = ClaimGuard(tempPath_);
+  if (fchmod(fd, mode) != 0) {
+    const std::string message = std::strerror(errno);
+    Discard();
+    throw CliError("cannot write '" + path + "': " + message);
+  }
 
   SF_INFO info{};
   info.format = format;
@@ -253,9 +448,8 @@ AudioFileWriter::AudioFileWriter(const std::string& path, int format, int numCha
     Discard();
     throw CliError("cannot write '" + path + "': " + message);
   }
-  const int subtype = format & SF_FORMAT_SUBMASK;
-  if (subtype != SF_FORMAT_FLOAT && subtype != SF_FORMAT_DOUBLE) {
-    sf_command(file_, SFC_SET_CLIPPING, nullptr, SF_TRUE);
+  if ((format & SF_FORMAT_TYPEMASK) == SF_FORMAT_RF64 && LowerExtension(path) == ".wav") {
+    downgradable_ = sf_command(file_, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE) == SF_TRUE;
   }
   if (!channelMap.empty() && channelMap.size() == static_cast<std::size_t>(numChannels)) {
     // Best effort: not every container stores a map.
@@ -270,19 +464,152 @@ AudioFileWriter::~AudioFileWriter() {
   }
 }
 
+void AudioFileWriter::SetQuantizer(std::shared_ptr<SampleQuantizer> quantizer) {
+  if (bits_ == 0) {
+    return;
+  }
+  quantizer_ = std::move(quantizer);
+  if (quantizer_) {
+    quantizer_->Prepare(numChannels_, sampleRate_, bits_);
+  }
+}
+
+std::int64_t AudioFileWriter::GetNumNonFinite(int channel) const {
+  return channel >= 0 && channel < numChannels_ ? nonFinite_[static_cast<std::size_t>(channel)] : 0;
+}
+
+std::int64_t AudioFileWriter::GetNumNonFinite() const {
+  std::int64_t total = 0;
+  for (std::int64_t count : nonFinite_) {
+    total += count;
+  }
+  return total;
+}
+
 void AudioFileWriter::Write(const float* const* planar, int numFrames) {
   if (numFrames < 1) {
     return;
   }
+  if (file_ == nullptr) {
+    throw CliError("cannot write '" + path_ + "': the file is already closed");
+  }
+  if (maxFrames_ >= 0 && framesWritten_ + numFrames > maxFrames_) {
+    throw CliError("cannot write '" + path_ + "': " + DescribeFormat(format_) + " holds at most " +
+                   DescribeFrames(maxFrames_, sampleRate_) + " of " + std::to_string(numChannels_) +
+                   " channels (name the output .wav, .w64 or .rf64)");
+  }
+  if (bits_ == 0) {
+    WriteFloat(planar, numFrames);
+  } else {
+    WriteInteger(planar, numFrames);
+  }
+  framesWritten_ += numFrames;
+}
+
+void AudioFileWriter::WriteFloat(const float* const* planar, int numFrames) {
   const auto channels = static_cast<std::size_t>(numChannels_);
-  interleaved_.resize(std::max(interleaved_.size(), channels * static_cast<std::size_t>(numFrames)));
-  vexaccelerate::utility::Interleave(planar, channels, static_cast<std::size_t>(numFrames), interleaved_.data());
+  const auto n = static_cast<std::size_t>(numFrames);
+  for (std::size_t ch = 0; ch < channels; ++ch) {
+    const float* in = planar[ch];
+    std::int64_t bad = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+      bad += std::isfinite(in[i]) ? 0 : 1;
+    }
+    nonFinite_[ch] += bad;
+  }
+  interleaved_.resize(std::max(interleaved_.size(), channels * n));
+  vexaccelerate::utility::Interleave(planar, channels, n, interleaved_.data());
+  errno = 0;
   if (sf_writef_float(file_, interleaved_.data(), numFrames) != numFrames) {
-    throw CliError("cannot write '" + path_ + "': " + LibraryMessage(file_));
+    FailWrite();
   }
 }
 
+void AudioFileWriter::WriteInteger(const float* const* planar, int numFrames) {
+  const auto channels = static_cast<std::size_t>(numChannels_);
+  const auto n = static_cast<std::size_t>(numFrames);
+  const double scale = std::ldexp(1.0, bits_ - 1);
+  const double maxCode = scale - 1.0;
+  const double minCode = -scale;
+  const float positiveFull = static_cast<float>(maxCode / scale);
+  // libsndfile takes ints as 32-bit full scale and keeps their top bits.
+  const std::int64_t step = std::int64_t(1) << (32 - bits_);
+
+  if (scratch_.size() < channels * n) {
+    scratch_.resize(channels * n);
+  }
+  scratchPointers_.resize(channels);
+  for (std::size_t ch = 0; ch < channels; ++ch) {
+    scratchPointers_[ch] = scratch_.data() + ch * n;
+    const float* in = planar[ch];
+    float* out = scratchPointers_[ch];
+    std::int64_t bad = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+      const float x = in[i];
+      if (std::isfinite(x)) {
+        out[i] = x;
+      } else {
+        ++bad;
+        out[i] = std::isnan(x) ? 0.0f : (x > 0.0f ? positiveFull : -1.0f);
+      }
+    }
+    nonFinite_[ch] += bad;
+  }
+  if (quantizer_) {
+    quantizer_->Quantize(scratchPointers_.data(), numFrames);
+  }
+
+  codes_.resize(std::max(codes_.size(), channels * n));
+  // Adding and removing 1.5 * 2^52 rounds a double of magnitude below 2^51
+  // to the nearest integer, ties to even, without the floating-point
+  // environment round trip that nearbyint makes on every call.
+  constexpr double kRound = 6755399441055744.0;
+  std::int64_t clipped = 0;
+  for (std::size_t ch = 0; ch < channels; ++ch) {
+    const float* in = scratchPointers_[ch];
+    int* out = codes_.data() + ch;
+    for (std::size_t i = 0; i < n; ++i) {
+      // The clamp keeps huge values (and a quantiser's NaN, sent to the
+      // bottom) inside the rounding trick's range; one step beyond the codes
+      // is enough to be seen as clipped.
+      const double v = std::clamp(static_cast<double>(in[i]) * scale, minCode - 1.0, maxCode + 1.0);
+      double code = (v + kRound) - kRound;
+      if (code > maxCode) {
+        code = maxCode;
+        ++clipped;
+      } else if (!(code >= minCode)) {
+        code = minCode;
+        ++clipped;
+      }
+      out[i * channels] = static_cast<int>(static_cast<std::int64_t>(code) * step);
+    }
+  }
+  clipped_ += clipped;
+
+  errno = 0;
+  if (sf_writef_int(file_, codes_.data(), numFrames) != numFrames) {
+    FailWrite();
+  }
+}
+
+void AudioFileWriter::FailWrite() {
+  const int systemError = errno;
+  std::string reason;
+  if (sf_error(file_) != SF_ERR_NO_ERROR) {
+    reason = LibraryMessage(file_);
+  } else if (systemError != 0) {
+    reason = std::strerror(systemError);
+  } else {
+    reason = "libsndfile took fewer frames than it was given and named no reason";
+  }
+  throw CliError("cannot write '" + path_ + "': " + reason);
+}
+
 void AudioFileWriter::Commit() {
+  if (file_ == nullptr) {
+    throw CliError("cannot write '" + path_ + "': the file is already closed");
+  }
+  errno = 0;
   const int status = sf_close(file_);
   file_ = nullptr;
   if (status != 0) {
@@ -302,8 +629,14 @@ void AudioFileWriter::Commit() {
     Discard();
     throw CliError("cannot write '" + path_ + "': " + message);
   }
-  gTempActive = 0;
+  ReleaseGuard(guardSlot_);
+  guardSlot_ = -1;
   committed_ = true;
+  // libsndfile's fallback keeps the extensible format chunk of its RF64.
+  const int riff = SF_FORMAT_WAVEX | (format_ & SF_FORMAT_SUBMASK);
+  if (downgradable_ && framesWritten_ <= GetMaxFrames(riff, numChannels_)) {
+    format_ = riff;
+  }
 }
 
 void AudioFileWriter::Discard() noexcept {
@@ -316,8 +649,9 @@ void AudioFileWriter::Discard() noexcept {
     fd_ = -1;
   }
   if (!tempPath_.empty()) {
-    gTempActive = 0;
     unlink(tempPath_.c_str());
+    ReleaseGuard(guardSlot_);
+    guardSlot_ = -1;
   }
 }
 

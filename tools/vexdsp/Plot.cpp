@@ -115,7 +115,15 @@ void YAxis(std::ostringstream& svg, const Frame& f) {
       << f.height - kTop - kBottom << "\" fill=\"none\" stroke=\"#333\"/>\n";
 }
 
-void RangeFromData(const std::vector<double>& values, double* low, double* high) {
+// The options' y range, or the data's finite values with a margin.
+void YRange(const PlotOptions& options, const std::vector<double>& values, Frame* f) {
+  double* low = &f->yLow;
+  double* high = &f->yHigh;
+  if (options.yMin < options.yMax) {
+    *low = options.yMin;
+    *high = options.yMax;
+    return;
+  }
   *low = INFINITY;
   *high = -INFINITY;
   for (double v : values) {
@@ -158,12 +166,7 @@ std::string LinePlotSvg(const std::vector<PlotSeries>& series, const PlotOptions
   if (f.xHigh <= f.xLow) {
     f.xHigh = f.xLow * (options.logX ? 10.0 : 1.0) + 1.0;
   }
-  if (options.yMin < options.yMax) {
-    f.yLow = options.yMin;
-    f.yHigh = options.yMax;
-  } else {
-    RangeFromData(ys, &f.yLow, &f.yHigh);
-  }
+  YRange(options, ys, &f);
 
   std::ostringstream svg;
   Header(svg, options);
@@ -213,12 +216,7 @@ std::string LinePlotSvg(const std::vector<PlotSeries>& series, const PlotOptions
 std::string BarPlotSvg(const std::vector<std::string>& labels, const std::vector<double>& values,
                        const PlotOptions& options) {
   Frame f{static_cast<double>(options.width), static_cast<double>(options.height), 0.0, 1.0, 0.0, 1.0, false};
-  if (options.yMin < options.yMax) {
-    f.yLow = options.yMin;
-    f.yHigh = options.yMax;
-  } else {
-    RangeFromData(values, &f.yLow, &f.yHigh);
-  }
+  YRange(options, values, &f);
   std::ostringstream svg;
   Header(svg, options);
   YAxis(svg, f);

@@ -64,13 +64,17 @@ class VEXAUDIODSP_API AudioBuffer {
 
   /// (Re)shapes the buffer to `channels` x `size`. Reuses the held block when
   /// it is big enough (old samples then stay where the new layout puts them),
-  /// otherwise allocates a new one and the old content is lost. On a change
+  /// otherwise allocates a new one and the old content is lost. When that
+  /// allocation fails (the heap refuses, or the shape's byte count exceeds
+  /// what the recycler will take) the buffer is left empty: no storage, 0
+  /// channels, sizes 0. On a change
   /// of channel count within the held block the capacity becomes the largest
   /// that fits. Flags of channels >= `channels` are set, the others kept.
   void Init(std::uint32_t channels, std::uint32_t size);
   /// Sets the use size. Within capacity (or while the use size is 0, which
   /// then caps at the capacity) only the count changes; growing beyond
-  /// capacity reallocates and keeps the first old-use-size samples.
+  /// capacity reallocates and keeps the first old-use-size samples. When the
+  /// larger block is refused the buffer keeps its shape, samples and flags.
   void SetUseSize(std::uint32_t size);
 
   /// n = min(src use size, use size); an all-silent source zeroes this buffer.
@@ -248,7 +252,11 @@ class VEXAUDIODSP_API AudioBufferShell : public AudioBuffer {
   /// Sets the channel count and takes a fresh pointer table; sizes become 0.
   void Init(std::uint32_t channels);
   /// Takes GetNumChannels() pointers from `channels`, each valid for `size`
-  /// samples; every channel is then marked as carrying sound. Null is ignored.
+  /// samples; every channel is then marked as carrying sound. When `channels`
+  /// is null or any of those pointers is null, the shell is left holding
+  /// nothing instead: null pointers, use and buffer size 0 and every channel
+  /// flagged silent, so no operation reads or writes through it (copies from
+  /// it silence their destination).
   void Assign(float** channels, std::uint32_t size);
 
  private:

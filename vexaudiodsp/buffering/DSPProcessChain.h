@@ -44,7 +44,9 @@ struct VEXAUDIODSP_API SlotInfo {
 /// are always handed the chain's configured channel count, not the count the
 /// host passes to Process.
 ///
-/// Latency (samples) is the sum of the enabled slots' latencies.
+/// Latency (samples) is the sum of the enabled slots' latencies, saturated at
+/// the int range (INT_MAX, or INT_MIN for a sum of negative latencies) rather
+/// than wrapped.
 ///
 /// SetIOConfig, Add, Remove and copying may allocate; Process, SetSelection,
 /// ParameterChanged and GetLatency do not (beyond what the slots do). Adding

@@ -1,6 +1,7 @@
 #include "vexcore/MemoryRecycler.h"
 
 #include <atomic>
+#include <limits>
 #include <mutex>
 #include <new>
 
@@ -20,12 +21,13 @@ namespace {
 
 constexpr std::size_t kBlockAlignment = 64;
 constexpr unsigned kMinClassShift = 6;   // 64 bytes: one cache line, room for the free-list link
-constexpr unsigned kMaxClassShift = 30;  // 1 GiB: anything larger is refused rather than rounded to 2 GiB
+constexpr unsigned kMaxClassShift = 30;  // 1 GiB: anything larger is allocated at its own size, not rounded to 2 GiB
 constexpr unsigned kNumClasses = kMaxClassShift - kMinClassShift + 1;
 constexpr std::size_t kMaxCachedBlocksPerClass = 16;
 // Large classes would otherwise let sixteen idle buffers of hundreds of MiB sit in
 // the cache; beyond this budget a class keeps a single block.
 constexpr std::size_t kMaxCachedBytesPerClass = std::size_t(64) << 20;
+constexpr std::size_t kDefaultMaxHeapBlock = std::size_t(1) << 47;
 
 // A cached block stores the link to the next one in its own first bytes, so
 // recycling never needs memory of its own.
@@ -42,6 +44,7 @@ struct Cache {
   std::size_t cachedBytes = 0;
   // Counted outside the lock: heap calls are made with the mutex released.
   std::atomic<std::size_t> heapAllocations{0};
+  std::atomic<std::size_t> maxHeapBlock{kDefaultMaxHeapBlock};
 };
 
 // Built in static storage and never destroyed, so buffers released by other
@@ -76,16 +79,39 @@ int ClassForToken(std::size_t token) noexcept {
 
 void FreeToHeap(void* block) noexcept { ::operator delete(block, std::align_val_t(kBlockAlignment)); }
 
+// A fresh block from the heap, or null when it is refused or exhausted. The
+// throwing form, paired with the aligned delete above: replacements of
+// operator new (leak checkers, allocation counters) do not always provide the
+// aligned nothrow variant.
+void* TakeFromHeap(Cache& cache, std::size_t bytes) noexcept {
+  if (bytes > cache.maxHeapBlock.load(std::memory_order_relaxed)) return nullptr;
+  void* block = nullptr;
+  try {
+    block = ::operator new(bytes, std::align_val_t(kBlockAlignment));
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+  cache.heapAllocations.fetch_add(1, std::memory_order_relaxed);
+  return block;
+}
+
 }  // namespace
 
 void* MemoryRecycler::Allocate(std::size_t bytes, std::size_t& sizeToken) {
   sizeToken = 0;
   if (bytes == 0) return nullptr;
-  const int index = ClassForBytes(bytes);
-  if (index < 0) return nullptr;
-  const std::size_t classBytes = ClassBytes(static_cast<unsigned>(index));
-
   Cache& cache = GetCache();
+  const int index = ClassForBytes(bytes);
+  if (index < 0) {
+    // Beyond the largest class: rounding up to the next power of two could
+    // waste up to half the block, and one such block is too big to keep idle.
+    if (bytes > std::numeric_limits<std::size_t>::max() - (kBlockAlignment - 1)) return nullptr;
+    const std::size_t rounded = (bytes + kBlockAlignment - 1) & ~(kBlockAlignment - 1);
+    void* block = TakeFromHeap(cache, rounded);
+    if (block != nullptr) sizeToken = rounded;
+    return block;
+  }
+  const std::size_t classBytes = ClassBytes(static_cast<unsigned>(index));
   {
     std::lock_guard<std::mutex> lock(cache.mutex);
     if (FreeBlock* block = cache.heads[index]) {
@@ -101,26 +127,17 @@ void* MemoryRecycler::Allocate(std::size_t bytes, std::size_t& sizeToken) {
       return block;
     }
   }
-
-  // The throwing form, paired with the aligned delete below: replacements of
-  // operator new (leak checkers, allocation counters) do not always provide
-  // the aligned nothrow variant.
-  void* block = nullptr;
-  try {
-    block = ::operator new(classBytes, std::align_val_t(kBlockAlignment));
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
-  cache.heapAllocations.fetch_add(1, std::memory_order_relaxed);
-  sizeToken = classBytes;
+  void* block = TakeFromHeap(cache, classBytes);
+  if (block != nullptr) sizeToken = classBytes;
   return block;
 }
 
 void MemoryRecycler::Recycle(void* block, std::size_t sizeToken) noexcept {
   if (block == nullptr) return;
   const int index = ClassForToken(sizeToken);
-  // A token that names no class cannot be filed; the block still came from the
-  // aligned heap, so it is simply freed.
+  // A token that names no class (a direct block above the largest class)
+  // cannot be filed; the block still came from the aligned heap, so it is
+  // simply freed.
   if (index < 0) {
     FreeToHeap(block);
     return;
@@ -165,6 +182,14 @@ void MemoryRecycler::Purge() noexcept {
       head = next;
     }
   }
+}
+
+void MemoryRecycler::SetMaxHeapBlock(std::size_t bytes) noexcept {
+  GetCache().maxHeapBlock.store(bytes, std::memory_order_relaxed);
+}
+
+std::size_t MemoryRecycler::GetMaxHeapBlock() noexcept {
+  return GetCache().maxHeapBlock.load(std::memory_order_relaxed);
 }
 
 MemoryRecycler::Stats MemoryRecycler::GetStats() noexcept {

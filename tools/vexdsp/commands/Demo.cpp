@@ -107,12 +107,11 @@ class DemoCommand final : public Command {
   int Run() override {
     std::vector<std::string> texts(std::begin(kDemoChain), std::end(kDemoChain));
     std::unique_ptr<dsp::host::EffectChain> chain = ParseEffectChain(texts);
-    std::string note;
-    const int format = ChooseOutputFormat(output_, SF_FORMAT_WAV | SF_FORMAT_FLOAT, SampleFormat::kKeep, kDemoChannels,
-                                          kDemoRate, &note);
-
     const std::vector<std::vector<float>> input = MakeDemoSignal();
     const auto frames = static_cast<std::int64_t>(input[0].size());
+    std::string note;
+    const int format = ChooseOutputFormat(output_, SF_FORMAT_WAV | SF_FORMAT_FLOAT, SampleFormat::kKeep, kDemoChannels,
+                                          kDemoRate, &note, frames);
     std::vector<const float*> inputPointers;
     for (const auto& channel : input) {
       inputPointers.push_back(channel.data());

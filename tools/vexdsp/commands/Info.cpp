@@ -68,7 +68,7 @@ class InfoCommand final : public Command {
     const int channels = reader.GetNumChannels();
     LevelAnalyzer analyzer(channels);
     FileSource source(reader);
-    Progress progress("measuring", reader.GetNumFrames());
+    Progress progress("measuring", reader.GetNumFrames(), reader.GetSampleRate());
     std::string error;
     // Some containers only estimate their length in the header, so the
     // analysis runs to the end of what can be read.
@@ -94,6 +94,7 @@ class InfoCommand final : public Command {
         out["peak_dbfs"].push_back(DbOrNull(meter.GetPeak(ch)));
         out["peak"].push_back(meter.GetPeak(ch));
         out["rms_dbfs"].push_back(DbOrNull(meter.GetRms(ch)));
+        out["non_finite"].push_back(meter.GetNumNonFinite(ch));
       }
       std::printf("%s\n", out.dump().c_str());
       return 0;
@@ -105,10 +106,12 @@ class InfoCommand final : public Command {
     std::printf("channels  %d\n", channels);
     std::printf("frames    %" PRId64 "\n", frames);
     std::printf("duration  %s\n", FormatDuration(frames, reader.GetSampleRate()).c_str());
-    std::printf("channel  peak dBFS  peak linear  RMS dBFS\n");
+    // Peak and RMS are those of the finite samples; NaN and infinities are
+    // counted beside them rather than hidden.
+    std::printf("channel  peak dBFS  peak linear  RMS dBFS  non-finite\n");
     for (int ch = 0; ch < channels; ++ch) {
-      std::printf("%7d  %9s  %11.6f  %8s\n", ch + 1, FormatDb(meter.GetPeak(ch)).c_str(), meter.GetPeak(ch),
-                  FormatDb(meter.GetRms(ch)).c_str());
+      std::printf("%7d  %9s  %11.6f  %8s  %10" PRId64 "\n", ch + 1, FormatDb(meter.GetPeak(ch)).c_str(),
+                  meter.GetPeak(ch), FormatDb(meter.GetRms(ch)).c_str(), meter.GetNumNonFinite(ch));
     }
     return 0;
   }

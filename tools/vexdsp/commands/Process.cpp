@@ -13,12 +13,33 @@
 namespace vexdsp {
 namespace {
 
+// One line on stderr when samples could not be written as they were.
+void WarnAboutSamples(const AudioFileWriter& writer) {
+  const std::int64_t nonFinite = writer.GetNumNonFinite();
+  const std::int64_t clipped = writer.GetNumClipped();
+  if (nonFinite == 0 && clipped == 0) {
+    return;
+  }
+  std::string text;
+  if (nonFinite > 0) {
+    text =
+        std::to_string(nonFinite) + " non-finite samples (" +
+        (GetIntegerBits(writer.GetFormat()) > 0 ? "NaN written as 0, infinities as full scale" : "kept as they are") +
+        ")";
+  }
+  if (clipped > 0) {
+    text += (text.empty() ? "" : " and ") + std::to_string(clipped) + " clipped samples";
+  }
+  std::fprintf(stderr, "vexdsp: warning: %s\n", text.c_str());
+}
+
 class ProcessCommand final : public Command {
  public:
   void Configure(CLI::App& app) override {
     app.add_option("IN", input_, "Input sound file ('-' reads standard input)")->required();
-    app.add_option("OUT", output_,
-                   "Output sound file; .wav, .flac, .aif or .aiff picks the container. Written only on success.")
+    app.add_option(
+           "OUT", output_,
+           "Output sound file; .wav, .w64, .rf64, .flac, .aif or .aiff picks the container. Written only on success.")
         ->required();
     app.add_option("EFFECT", effects_,
                    "One or more effects, run in order, each as name:key=value,key=value or a bare name for the "
@@ -53,11 +74,13 @@ class ProcessCommand final : public Command {
                                    : format_ == "pcm16" ? SampleFormat::kPcm16
                                    : format_ == "pcm24" ? SampleFormat::kPcm24
                                                         : SampleFormat::kKeep;
-    const int format = ChooseOutputFormat(output_, reader.GetFormat(), requested, channels, rate, &note);
+    // The container must hold the whole output; a stream's length is unknown.
+    const std::int64_t expected = declared >= 0 ? declared + tail : -1;
+    const int format = ChooseOutputFormat(output_, reader.GetFormat(), requested, channels, rate, &note, expected);
     AudioFileWriter writer(output_, format, channels, rate, reader.GetChannelMap());
     FileSource source(reader);
     FileSink sink(writer);
-    Progress progress("processing", declared);
+    Progress progress("processing", declared, rate);
     const std::int64_t written = dsp::host::RenderProcess(chain->GetChain(), channels, source, sink, tail,
                                                           [&](std::int64_t done) { progress.Update(done); });
     progress.Finish();
@@ -80,10 +103,12 @@ class ProcessCommand final : public Command {
     if (tail > 0) {
       std::printf("tail   %lld frames appended\n", static_cast<long long>(tail));
     }
-    std::printf("out    %s: %s\n", output_.c_str(), DescribeStream(format, channels, rate, written).c_str());
+    std::printf("out    %s: %s\n", output_.c_str(),
+                DescribeStream(writer.GetFormat(), channels, rate, written).c_str());
     if (!note.empty()) {
       std::printf("note   %s\n", note.c_str());
     }
+    WarnAboutSamples(writer);
     return 0;
   }
 

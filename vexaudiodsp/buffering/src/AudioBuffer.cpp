@@ -90,7 +90,13 @@ void AudioBuffer::Init(std::uint32_t channels, std::uint32_t size) {
   const std::int64_t pad = static_cast<std::int64_t>(alignment_) + 4;
   const std::size_t tableBytes = static_cast<std::size_t>(channels) * sizeof(float*);
   const std::size_t stripe = static_cast<std::size_t>(std::max<std::int64_t>(std::int64_t(size) + pad, size));
-  const std::size_t bytes = static_cast<std::size_t>(channels) * sizeof(float) * stripe + tableBytes;
+  // A shape whose byte count does not fit a size_t asks for more than any
+  // heap has; it is refused like one that does not fit the heap.
+  std::size_t bytes = 0;
+  if (__builtin_mul_overflow(static_cast<std::size_t>(channels) * sizeof(float), stripe, &bytes) ||
+      __builtin_add_overflow(bytes, tableBytes, &bytes)) {
+    bytes = std::numeric_limits<std::size_t>::max();
+  }
 
   // The largest per-channel capacity the held block offers for `channels`.
   auto fit = [&]() -> std::uint32_t {
@@ -152,7 +158,17 @@ void AudioBuffer::SetUseSize(std::uint32_t size) {
   if (temp.numChannels_ != numChannels_) return;  // allocation refused: keep what we have
   for (std::uint32_t ch = 0; ch < numChannels_; ++ch) vu::Copy(Min(oldUse, temp.bufferSize_), channels_[ch], temp[ch]);
 
-  Init(numChannels_, size);
+  const std::uint32_t channels = numChannels_;
+  Init(channels, size);
+  if (numChannels_ != channels) {
+    // The larger block was refused. The old one has just gone back to the
+    // recycler, so the old shape comes back from its cache with the samples.
+    Init(channels, oldUse);
+    if (numChannels_ != channels) return;
+    for (std::uint32_t ch = 0; ch < channels; ++ch) vu::Copy(Min(oldUse, bufferSize_), temp[ch], channels_[ch]);
+    zeroMask_ = temp.zeroMask_;
+    return;
+  }
   if (wasZero) {
     Zero();
   } else {
@@ -510,7 +526,17 @@ void AudioBufferShell::Init(std::uint32_t channels) {
 }
 
 void AudioBufferShell::Assign(float** channels, std::uint32_t size) {
-  if (channels == nullptr || channels_ == nullptr) return;
+  if (channels_ == nullptr) return;
+  bool complete = channels != nullptr;
+  for (std::uint32_t ch = 0; complete && ch < numChannels_; ++ch) complete = channels[ch] != nullptr;
+  if (!complete) {
+    // A host that hands over a missing channel gets a shell that holds
+    // nothing rather than one that dereferences null in the next operation.
+    for (std::uint32_t ch = 0; ch < numChannels_; ++ch) channels_[ch] = nullptr;
+    bufferSize_ = useSize_ = 0;
+    zeroMask_ = ChannelMask::AllOnes();
+    return;
+  }
   for (std::uint32_t ch = 0; ch < numChannels_; ++ch) channels_[ch] = channels[ch];
   bufferSize_ = useSize_ = size;
   ClearZero();

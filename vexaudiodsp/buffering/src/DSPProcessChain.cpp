@@ -1,6 +1,7 @@
 #include "vexaudiodsp/buffering/DSPProcessChain.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "vexaccelerate/Utility.h"
@@ -161,11 +162,14 @@ void DSPProcessChain::Done() {
 }
 
 int DSPProcessChain::GetLatency() const {
-  int latency = 0;
+  // Summed wide and saturated: a wrapped int would report a huge delay as a
+  // negative one, and signed overflow is undefined besides.
+  std::int64_t latency = 0;
   for (const auto& entry : slots_) {
     if (entry.second.enabled) latency += entry.second.process->GetLatency();
   }
-  return latency;
+  return static_cast<int>(
+      std::clamp<std::int64_t>(latency, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
 void DSPProcessChain::ParameterChanged() {
