@@ -134,26 +134,26 @@ void BM_IppFFT32R(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
   dsp::IppFFT32R fft(n);
   float* time = vu::Malloc_Float(static_cast<std::size_t>(n) + 2);
-  float* spec = vu::Malloc_Float(static_cast<std::size_t>(n) + 2);
+  float* freq = vu::Malloc_Float(static_cast<std::size_t>(n) + 2);
   const std::vector<float> x = Signal<float>(n);
   std::copy(x.begin(), x.end(), time);
   for (auto _ : state) {
-    fft.FFT(time, spec, 1);
-    fft.FFT(spec, time, -1);
+    fft.FFT(time, freq, 1);
+    fft.FFT(freq, time, -1);
     vu::MulConstant_InPlace(static_cast<std::size_t>(n), time, 1.0f / n);
     benchmark::ClobberMemory();
   }
   vexbench::ReportTimePerSample(state, n);
   vu::Free(time);
-  vu::Free(spec);
+  vu::Free(freq);
 }
 
 void BM_FftwRealFloat(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
   float* time = fftwf_alloc_real(static_cast<std::size_t>(n) + 2);
-  fftwf_complex* spec = fftwf_alloc_complex(static_cast<std::size_t>(n / 2 + 1));
-  fftwf_plan fwd = fftwf_plan_dft_r2c_1d(n, time, spec, FFTW_ESTIMATE);
-  fftwf_plan inv = fftwf_plan_dft_c2r_1d(n, spec, time, FFTW_ESTIMATE);
+  fftwf_complex* freq = fftwf_alloc_complex(static_cast<std::size_t>(n / 2 + 1));
+  fftwf_plan fwd = fftwf_plan_dft_r2c_1d(n, time, freq, FFTW_ESTIMATE);
+  fftwf_plan inv = fftwf_plan_dft_c2r_1d(n, freq, time, FFTW_ESTIMATE);
   const std::vector<float> x = Signal<float>(n);
   std::copy(x.begin(), x.end(), time);
   for (auto _ : state) {
@@ -166,75 +166,75 @@ void BM_FftwRealFloat(benchmark::State& state) {
   fftwf_destroy_plan(fwd);
   fftwf_destroy_plan(inv);
   fftwf_free(time);
-  fftwf_free(spec);
+  fftwf_free(freq);
 }
 
 void BM_IppFFT32fReal(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
   dsp::IppFFT32fReal fft(n);
   float* time = vu::Malloc_Float(static_cast<std::size_t>(n));
-  float* spec = vu::Malloc_Float(static_cast<std::size_t>(n) + 2);
+  float* freq = vu::Malloc_Float(static_cast<std::size_t>(n) + 2);
   const std::vector<float> x = Signal<float>(n);
   std::copy(x.begin(), x.end(), time);
   for (auto _ : state) {
-    fft.FFT(time, spec);
+    fft.FFT(time, freq);
     benchmark::ClobberMemory();
   }
   vexbench::ReportTimePerSample(state, n);
   vu::Free(time);
-  vu::Free(spec);
+  vu::Free(freq);
 }
 
 void BM_FftwRealFloatFwdScaled(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
   float* time = fftwf_alloc_real(static_cast<std::size_t>(n));
-  fftwf_complex* spec = fftwf_alloc_complex(static_cast<std::size_t>(n / 2 + 1));
-  fftwf_plan fwd = fftwf_plan_dft_r2c_1d(n, time, spec, FFTW_ESTIMATE);
+  fftwf_complex* freq = fftwf_alloc_complex(static_cast<std::size_t>(n / 2 + 1));
+  fftwf_plan fwd = fftwf_plan_dft_r2c_1d(n, time, freq, FFTW_ESTIMATE);
   const std::vector<float> x = Signal<float>(n);
   std::copy(x.begin(), x.end(), time);
   for (auto _ : state) {
     fftwf_execute(fwd);
-    vu::MulConstant_InPlace(static_cast<std::size_t>(n) + 2, reinterpret_cast<float*>(spec), 1.0f / n);
+    vu::MulConstant_InPlace(static_cast<std::size_t>(n) + 2, reinterpret_cast<float*>(freq), 1.0f / n);
     benchmark::ClobberMemory();
   }
   vexbench::ReportTimePerSample(state, n);
   fftwf_destroy_plan(fwd);
   fftwf_free(time);
-  fftwf_free(spec);
+  fftwf_free(freq);
 }
 
 void BM_IppFFT64fReal(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
   dsp::IppFFT64fReal fft(n);
   double* time = vu::Malloc_Double(static_cast<std::size_t>(n));
-  double* spec = vu::Malloc_Double(static_cast<std::size_t>(n) + 2);
+  double* freq = vu::Malloc_Double(static_cast<std::size_t>(n) + 2);
   const std::vector<double> x = Signal<double>(n);
   std::copy(x.begin(), x.end(), time);
   for (auto _ : state) {
-    fft.FFT(time, spec);
+    fft.FFT(time, freq);
     benchmark::ClobberMemory();
   }
   vexbench::ReportTimePerSample(state, n);
   vu::Free(time);
-  vu::Free(spec);
+  vu::Free(freq);
 }
 
 void BM_FftwRealDoubleFwdScaled(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
   double* time = fftw_alloc_real(static_cast<std::size_t>(n));
-  fftw_complex* spec = fftw_alloc_complex(static_cast<std::size_t>(n / 2 + 1));
-  fftw_plan fwd = fftw_plan_dft_r2c_1d(n, time, spec, FFTW_ESTIMATE);
+  fftw_complex* freq = fftw_alloc_complex(static_cast<std::size_t>(n / 2 + 1));
+  fftw_plan fwd = fftw_plan_dft_r2c_1d(n, time, freq, FFTW_ESTIMATE);
   const std::vector<double> x = Signal<double>(n);
   std::copy(x.begin(), x.end(), time);
   for (auto _ : state) {
     fftw_execute(fwd);
-    vu::MulConstant_InPlace(static_cast<std::size_t>(n) + 2, reinterpret_cast<double*>(spec), 1.0 / n);
+    vu::MulConstant_InPlace(static_cast<std::size_t>(n) + 2, reinterpret_cast<double*>(freq), 1.0 / n);
     benchmark::ClobberMemory();
   }
   vexbench::ReportTimePerSample(state, n);
   fftw_destroy_plan(fwd);
   fftw_free(time);
-  fftw_free(spec);
+  fftw_free(freq);
 }
 
 // ---- Noise reduction ------------------------------------------------------
