@@ -260,16 +260,16 @@ TEST(NoNoiseProcess, QualityOnTonesInWhiteNoise) {
   }
   // Tone level: Hann-windowed 8192-point spectrum of the middle of a burst.
   dsp::IppFFT32fReal fft(8192);
-  std::vector<float> win(8192), buf(8192), freq(8194);
+  std::vector<float> win(8192), buf(8192), bins(8194);
   for (int i = 0; i < 8192; ++i)
     win[static_cast<std::size_t>(i)] = static_cast<float>(0.5 - 0.5 * std::cos(2 * M_PI * i / 8192));
   const auto toneLevel = [&](const std::vector<float>& x, std::size_t start, double freq) {
     for (std::size_t i = 0; i < 8192; ++i) buf[i] = x[start + 3100 + i] * win[i];
-    fft.FFT(buf.data(), freq.data());
+    fft.FFT(buf.data(), bins.data());
     const int k = static_cast<int>(std::lround(freq * 8192 / rate));
     double peak = 0.0;
     for (int j = k - 2; j <= k + 2; ++j)
-      peak = std::max(peak, static_cast<double>(std::hypot(freq[2 * j], freq[2 * j + 1])));
+      peak = std::max(peak, static_cast<double>(std::hypot(bins[2 * j], bins[2 * j + 1])));
     return 20.0 * std::log10(peak);
   };
   for (const Burst& b : bursts) {
