@@ -64,7 +64,7 @@ struct VEXAUDIODSP_API NONOISE {
 };
 
 /// The reducer's runtime record, created and destroyed by NoNoiseProcess.
-/// The cached per-bin terms (lo, hi and the base reduction) depend only
+/// The cached per-bin terms (lo, hi, 1 / (hi - lo) and the base reduction) depend only
 /// on the print and the parameters, so they are recomputed by
 /// UpdateParameter, not per frame.
 struct VEXAUDIODSP_API NOISEREDUCER {
@@ -91,6 +91,7 @@ struct VEXAUDIODSP_API NOISEREDUCER {
   double** baseReduction = nullptr;
   /// Per channel scratch: the frame's (smoothed) magnitudes.
   double** magnitude = nullptr;
+  double** inverseSpan = nullptr;
 };
 
 /// Writes the defaults above to the scalar fields; arrays are untouched.

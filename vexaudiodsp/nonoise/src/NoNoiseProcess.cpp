@@ -57,18 +57,20 @@ void MagnitudesScalar(int count, const float* re, const float* im, double scale,
 }
 
 // The case analysis of the rule, every case computed and the rule's order of
-// tests picking one; a zero magnitude keeps the bin (gain exactly 1).
-inline double BinGain(double m, double lo, double hi, double base) {
-  const double inBand = m + (m - lo) / (hi - lo) * (hi - m);
+// tests picking one; a zero magnitude keeps the bin (gain exactly 1). The
+// in-band interpolation multiplies by the cached 1 / (hi - lo) (equal to the
+// rule's division up to rounding; one division per bin fewer).
+inline double BinGain(double m, double lo, double hi, double inverseSpan, double base) {
+  const double inBand = m + (m - lo) * inverseSpan * (hi - m);
   double v = Select(hi > m, inBand, hi);
   v = Select(lo > m, m, v);
   return Select(m != 0.0, 1.0 - std::min(base, v / m), 1.0);
 }
 
 void ScaleBinsScalar(int count, const double* magnitude, const double* lowLevel, const double* highLevel,
-                     const double* baseReduction, float* re, float* im) {
+                     const double* inverseSpan, const double* baseReduction, float* re, float* im) {
   for (int k = 0; k < count; ++k) {
-    const double gain = BinGain(magnitude[k], lowLevel[k], highLevel[k], baseReduction[k]);
+    const double gain = BinGain(magnitude[k], lowLevel[k], highLevel[k], inverseSpan[k], baseReduction[k]);
     re[k] = static_cast<float>(re[k] * gain);
     im[k] = static_cast<float>(im[k] * gain);
   }
@@ -91,8 +93,8 @@ __attribute__((target("avx2"))) void MagnitudesAvx2(int count, const float* re, 
 }
 
 __attribute__((target("avx2"))) void ScaleBinsAvx2(int count, const double* magnitude, const double* lowLevel,
-                                                   const double* highLevel, const double* baseReduction, float* re,
-                                                   float* im) {
+                                                   const double* highLevel, const double* inverseSpan,
+                                                   const double* baseReduction, float* re, float* im) {
   const __m256d one = _mm256_set1_pd(1.0);
   const __m256d zero = _mm256_setzero_pd();
   int k = 0;
@@ -102,7 +104,7 @@ __attribute__((target("avx2"))) void ScaleBinsAvx2(int count, const double* magn
     const __m256d hi = _mm256_loadu_pd(highLevel + k);
     const __m256d base = _mm256_loadu_pd(baseReduction + k);
     const __m256d inBand = _mm256_add_pd(
-        m, _mm256_mul_pd(_mm256_div_pd(_mm256_sub_pd(m, lo), _mm256_sub_pd(hi, lo)), _mm256_sub_pd(hi, m)));
+        m, _mm256_mul_pd(_mm256_mul_pd(_mm256_sub_pd(m, lo), _mm256_loadu_pd(inverseSpan + k)), _mm256_sub_pd(hi, m)));
     __m256d v = _mm256_blendv_pd(hi, inBand, _mm256_cmp_pd(hi, m, _CMP_GT_OQ));
     v = _mm256_blendv_pd(v, m, _mm256_cmp_pd(lo, m, _CMP_GT_OQ));
     // std::min(base, v / m) returns base unless v / m < base (NaN included).
@@ -114,7 +116,8 @@ __attribute__((target("avx2"))) void ScaleBinsAvx2(int count, const double* magn
     _mm_storeu_ps(re + k, _mm256_cvtpd_ps(xr));
     _mm_storeu_ps(im + k, _mm256_cvtpd_ps(xi));
   }
-  ScaleBinsScalar(count - k, magnitude + k, lowLevel + k, highLevel + k, baseReduction + k, re + k, im + k);
+  ScaleBinsScalar(count - k, magnitude + k, lowLevel + k, highLevel + k, inverseSpan + k, baseReduction + k, re + k,
+                  im + k);
 }
 
 const bool kHasAvx2 = __builtin_cpu_supports("avx2");
@@ -130,11 +133,11 @@ void Magnitudes(int count, const float* re, const float* im, double scale, doubl
 }
 
 void ScaleBins(int count, const double* magnitude, const double* lowLevel, const double* highLevel,
-               const double* baseReduction, float* re, float* im) {
+               const double* inverseSpan, const double* baseReduction, float* re, float* im) {
 #if defined(__x86_64__) && defined(__GNUC__)
-  if (kHasAvx2) return ScaleBinsAvx2(count, magnitude, lowLevel, highLevel, baseReduction, re, im);
+  if (kHasAvx2) return ScaleBinsAvx2(count, magnitude, lowLevel, highLevel, inverseSpan, baseReduction, re, im);
 #endif
-  ScaleBinsScalar(count, magnitude, lowLevel, highLevel, baseReduction, re, im);
+  ScaleBinsScalar(count, magnitude, lowLevel, highLevel, inverseSpan, baseReduction, re, im);
 }
 
 // One pair of channels (or one channel twice), the two chains in the two
@@ -163,10 +166,11 @@ void SmoothPair(int count, double smoothing, double complement, double* m0, doub
     const __m128d m = _mm_set_pd(m1[k], m0[k]);
     const __m128d rest =
         _mm_add_pd(_mm_add_pd(_mm_mul_pd(c02, next1), _mm_mul_pd(c01, _mm_add_pd(prev2, next2))), _mm_mul_pd(c04, m));
-    const __m128d spread = _mm_add_pd(_mm_mul_pd(c02, prev1), rest);
     const __m128d up = _mm_add_pd(_mm_mul_pd(rise, prev1), _mm_add_pd(_mm_mul_pd(c093, rest), _mm_mul_pd(c007, old)));
     const __m128d down = _mm_add_pd(_mm_mul_pd(fall, prev1), _mm_add_pd(_mm_mul_pd(comp, rest), _mm_mul_pd(keep, old)));
-    const __m128d rising = _mm_cmpgt_pd(spread, old);
+    // spread > old, with the comparison moved off the chain: 0.2 s[k-1] >
+    // old - rest.
+    const __m128d rising = _mm_cmpgt_pd(_mm_mul_pd(c02, prev1), _mm_sub_pd(old, rest));
     const __m128d smoothed = _mm_or_pd(_mm_and_pd(rising, up), _mm_andnot_pd(rising, down));
     _mm_storel_pd(s0 + k, smoothed);
     _mm_storeh_pd(s1 + k, smoothed);
@@ -274,6 +278,7 @@ NOISEREDUCER* NoNoiseProcess::CreateNoiseReducer() {
   r->highLevel = NewRows(r->channels, Count(r->bins));
   r->baseReduction = NewRows(r->channels, Count(r->bins));
   r->magnitude = NewRows(r->channels, Count(r->bins));
+  r->inverseSpan = NewRows(r->channels, Count(r->bins));
   r->firstFrame = true;
   return r;
 }
@@ -287,6 +292,7 @@ void NoNoiseProcess::DestroyNoiseReducer(NOISEREDUCER* r) {
   DeleteRows(r->highLevel, r->channels);
   DeleteRows(r->baseReduction, r->channels);
   DeleteRows(r->magnitude, r->channels);
+  DeleteRows(r->inverseSpan, r->channels);
   delete r;
 }
 
@@ -340,6 +346,8 @@ void NoNoiseProcess::UpdateParameter() {
       r->lowLevel[c][k] = lo;
       r->highLevel[c][k] = hi;
       r->baseReduction[c][k] = base;
+      // Only read when lo <= m < hi, so hi > lo wherever it matters.
+      r->inverseSpan[c][k] = hi > lo ? 1.0 / (hi - lo) : 0.0;
     }
   }
 }
@@ -395,7 +403,8 @@ void NoNoiseProcess::OnSpectrum(float** re, float** im, int channels, int bins) 
     }
   }
   for (int c = 0; c < used; ++c) {
-    ScaleBins(count, r->magnitude[c], r->lowLevel[c], r->highLevel[c], r->baseReduction[c], re[c], im[c]);
+    ScaleBins(count, r->magnitude[c], r->lowLevel[c], r->highLevel[c], r->inverseSpan[c], r->baseReduction[c], re[c],
+              im[c]);
   }
   r->firstFrame = false;
 }
