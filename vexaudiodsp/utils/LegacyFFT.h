@@ -1,7 +1,5 @@
 #pragma once
 
-#include <memory>
-
 #include "vexaudiodsp/Export.h"
 #include "vexaudiodsp/utils/IppFFT.h"
 
@@ -31,16 +29,18 @@ class VEXAUDIODSP_API FFTWORKINGDATA_F : public FFTWORKINGDATA {
   /// Init(n).
   explicit FFTWORKINGDATA_F(int n);
   ~FFTWORKINGDATA_F() override;
+  FFTWORKINGDATA_F(const FFTWORKINGDATA_F&) = delete;
+  FFTWORKINGDATA_F& operator=(const FFTWORKINGDATA_F&) = delete;
   /// Plans a power-of-two length n (see IppFFT.h for other sizes). Allocates.
   void Init(int n);
   int GetLength() const override;
   dsp::IppFFT32& GetEngine() { return engine_; }
-  float* GetScratchRe() { return scratch_.get(); }
-  float* GetScratchIm() { return scratch_.get() + length_; }
+  float* GetScratchRe() { return scratch_; }
+  float* GetScratchIm() { return scratch_ + length_; }
 
  private:
   dsp::IppFFT32 engine_;
-  std::unique_ptr<float[]> scratch_;
+  float* scratch_ = nullptr;
   int length_ = 0;
 };
 

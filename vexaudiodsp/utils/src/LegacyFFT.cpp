@@ -8,12 +8,15 @@ FFTWORKINGDATA::~FFTWORKINGDATA() = default;
 
 FFTWORKINGDATA_F::FFTWORKINGDATA_F() = default;
 FFTWORKINGDATA_F::FFTWORKINGDATA_F(int n) { Init(n); }
-FFTWORKINGDATA_F::~FFTWORKINGDATA_F() = default;
+FFTWORKINGDATA_F::~FFTWORKINGDATA_F() { vu::Free(scratch_); }
 
 void FFTWORKINGDATA_F::Init(int n) {
   engine_.Init(n);
+  vu::Free(scratch_);
+  scratch_ = nullptr;
   length_ = engine_.IsInitialized() ? 1 << dsp::FFTOrderFromSize(n) : 0;
-  scratch_.reset(length_ > 0 ? new float[2 * static_cast<std::size_t>(length_)]() : nullptr);
+  if (length_ > 0) scratch_ = vu::Malloc_Float(2 * static_cast<std::size_t>(length_));
+  if (scratch_ == nullptr) length_ = 0;
 }
 
 int FFTWORKINGDATA_F::GetLength() const { return length_; }
