@@ -66,6 +66,24 @@ InputAudio ToPlanar(const py::handle& object) {
       }
     }
   }
+  // One bad sample must not spoil a whole measurement or filter state: it
+  // is taken as silence, and the caller is told.
+  std::size_t silenced = 0;
+  for (auto& channel : audio.channels) {
+    for (float& v : channel) {
+      if (!std::isfinite(v)) {
+        v = 0.0f;
+        ++silenced;
+      }
+    }
+  }
+  if (silenced > 0) {
+    const std::string message =
+        std::to_string(silenced) + " non-finite samples (NaN or infinite) were taken as silence";
+    if (PyErr_WarnEx(PyExc_RuntimeWarning, message.c_str(), 1) != 0) {
+      throw py::error_already_set();
+    }
+  }
   return audio;
 }
 

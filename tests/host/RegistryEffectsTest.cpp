@@ -257,6 +257,26 @@ TEST_P(RegistryEffects, ExtremeSettingsGiveFiniteNormalOutput) {
   }
 }
 
+// A NaN and infinities in the input are taken as silence: the output stays
+// finite and, once they have passed, equals the output for zeros there.
+TEST_P(RegistryEffects, NonFiniteInputIsTakenAsSilence) {
+  Planar clean = Noise(Channels(), 20000, 17, 0.5);
+  for (auto& channel : clean) {
+    channel[100] = 0.0f;
+    channel[9000] = 0.0f;
+    channel[9001] = 0.0f;
+  }
+  Planar bad = clean;
+  for (auto& channel : bad) {
+    channel[100] = NAN;
+    channel[9000] = INFINITY;
+    channel[9001] = -INFINITY;
+  }
+  const Planar expected = RunBlocks(*Started(), clean, 4096);
+  const Planar out = RunBlocks(*Started(), bad, 4096);
+  EXPECT_LE(MaxDiff(out, expected), 1e-6 * std::max(1.0, Peak(expected)));
+}
+
 TEST_P(RegistryEffects, PureDelayComesOutAtTheDeclaredLatency) {
   if (!Info().pureDelayAtDefaults) {
     GTEST_SKIP() << "not a pure delay at its defaults";

@@ -99,3 +99,16 @@ def test_bad_rates_and_chains_raise():
 def test_response_of_a_gain_is_flat():
     r = vx.Effect("gain", db=-6).response([100.0, 1000.0, 10000.0])
     np.testing.assert_allclose(np.abs(r), 10 ** (-6 / 20), rtol=1e-6)
+
+
+def test_non_finite_samples_are_taken_as_silence_with_a_warning():
+    x = noise(2, 48000)
+    clean = x.copy()
+    x[0, 100] = np.nan
+    x[1, 200] = np.inf
+    clean[0, 100] = 0.0
+    clean[1, 200] = 0.0
+    with pytest.warns(RuntimeWarning, match="2 non-finite"):
+        y = vx.Effect("reverb").process(x, 48000)
+    assert np.all(np.isfinite(y))
+    np.testing.assert_array_equal(y, vx.Effect("reverb").process(clean, 48000))

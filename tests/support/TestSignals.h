@@ -11,7 +11,8 @@ std::vector<float> Sine(std::size_t count, double frequency, double rate, double
 /// Uniform noise in [-amplitude, amplitude) from a fixed-seed generator, so
 /// every run sees the same samples.
 std::vector<float> Noise(std::size_t count, std::uint32_t seed, double amplitude = 1.0);
-/// Largest |a[i] - b[i]| over the common length; infinity if lengths differ.
+/// Largest |a[i] - b[i]| over the common length; infinity if lengths differ
+/// or one side is NaN where the other is not equal to it.
 double MaxAbsDiff(const std::vector<float>& a, const std::vector<float>& b);
 double MaxAbsDiff(const float* a, const float* b, std::size_t count);
 

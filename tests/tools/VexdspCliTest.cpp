@@ -200,6 +200,27 @@ TEST_F(VexdspCliTest, DemoWritesTheProcessedSignal) {
   }
 }
 
+// One NaN in a file neither spoils a measurement nor silences the rest of a
+// reverb: it is taken as silence, and the user is told.
+TEST_F(VexdspCliTest, NonFiniteInputIsTakenAsSilenceEverywhere) {
+  Audio in = MakeNoise(2, 48000, 48000, kWavFloat);
+  in.samples[2 * 1000] = NAN;
+  in.samples[2 * 2000 + 1] = INFINITY;
+  Write("nan.wav", in);
+  for (const char* args : {"loudness nan.wav", "spectrum nan.wav", "resample nan.wav r.wav --rate 44100"}) {
+    SCOPED_TRACE(args);
+    const RunResult result = Run(args);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_NE(result.err.find("2 non-finite input samples"), std::string::npos) << result.err;
+  }
+  const std::string json = Run("loudness --json nan.wav").out;
+  EXPECT_NE(json.find("\"integrated\":-4.7"), std::string::npos) << "the noise's loudness, not -inf: " << json;
+  ASSERT_EQ(Run("process nan.wav out.wav reverb").exitCode, 0);
+  const Audio out = Read("out.wav");
+  EXPECT_TRUE(std::all_of(out.samples.begin(), out.samples.end(), [](float v) { return std::isfinite(v); }));
+  EXPECT_NE(out.At(40000, 0), 0.0f) << "the reverb still sounds after the NaN";
+}
+
 // Usage errors exit with 2, failed runs with 1; both print one line.
 TEST_F(VexdspCliTest, UsageErrorsAndFailedRunsHaveTheirOwnStatus) {
   Write("in.wav", MakeNoise(1, 1000, 48000, kWav16));

@@ -1,8 +1,11 @@
 #include "Pipeline.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 #include "CliError.h"
+#include "vexaccelerate/Utility.h"
 #include "vexaudiodsp/host/Parameter.h"
 
 namespace vexdsp {
@@ -10,6 +13,9 @@ namespace vexdsp {
 int FileSource::Read(float* const* planar, int numFrames) {
   try {
     const int got = reader_.Read(planar, numFrames);
+    if (silenceNonFinite_) {
+      silenced_ += SilenceNonFinite(planar, reader_.GetNumChannels(), got);
+    }
     framesRead_ += got;
     position_ += got;
     return got;
@@ -33,6 +39,34 @@ bool FileSource::Seek(std::int64_t frame) {
 void FileSource::Check() const {
   if (!error_.empty()) {
     throw CliError(error_);
+  }
+}
+
+void FileSource::WarnSilenced() const { WarnSilencedNonFinite(silenced_); }
+
+std::int64_t SilenceNonFinite(float* const* planar, int numChannels, int numFrames) {
+  std::int64_t count = 0;
+  for (int ch = 0; ch < numChannels; ++ch) {
+    const auto n = static_cast<std::size_t>(std::max(numFrames, 0));
+    // Float samples summed in double cannot overflow: a non-finite sum
+    // means a non-finite sample, and most blocks need no second look.
+    if (std::isfinite(vexaccelerate::utility::Sum(n, planar[ch]))) {
+      continue;
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+      if (!std::isfinite(planar[ch][i])) {
+        planar[ch][i] = 0.0f;
+        ++count;
+      }
+    }
+  }
+  return count;
+}
+
+void WarnSilencedNonFinite(std::int64_t count) {
+  if (count > 0) {
+    std::fprintf(stderr, "vexdsp: warning: %lld non-finite input samples (NaN or infinite) were taken as silence\n",
+                 static_cast<long long>(count));
   }
 }
 

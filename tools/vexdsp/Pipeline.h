@@ -16,15 +16,23 @@ namespace vexdsp {
 /// library.
 class FileSource final : public dsp::host::FrameSource {
  public:
-  explicit FileSource(AudioFileReader& reader) : reader_(reader) {}
+  /// With `silenceNonFinite`, NaN and infinite samples are handed on as 0
+  /// and counted: what a meter or converter must do so that one bad sample
+  /// does not spoil the whole measurement.
+  explicit FileSource(AudioFileReader& reader, bool silenceNonFinite = false)
+      : reader_(reader), silenceNonFinite_(silenceNonFinite) {}
   int Read(float* const* planar, int numFrames) override;
   bool Seek(std::int64_t frame) override;
   /// Throws the kept read error, if any.
   void Check() const;
   std::int64_t GetFramesRead() const { return framesRead_; }
+  /// Prints one warning line on stderr when samples were taken as silence.
+  void WarnSilenced() const;
 
  private:
   AudioFileReader& reader_;
+  bool silenceNonFinite_;
+  std::int64_t silenced_ = 0;
   std::string error_;
   std::int64_t framesRead_ = 0;
   std::int64_t position_ = 0;
@@ -42,6 +50,12 @@ class FileSink final : public dsp::host::FrameSink {
   LevelMeter* meter_;
   std::string error_;
 };
+
+/// Replaces NaN and infinite samples by 0; returns how many there were.
+std::int64_t SilenceNonFinite(float* const* planar, int numChannels, int numFrames);
+/// "vexdsp: warning: N non-finite input samples ... taken as silence" on
+/// stderr, when count > 0.
+void WarnSilencedNonFinite(std::int64_t count);
 
 /// Builds a chain from effect texts (`name:key=value,...`); UsageError for
 /// an unknown effect or key or a refused value.

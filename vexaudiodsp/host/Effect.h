@@ -83,6 +83,12 @@ struct VEXAUDIODSP_API EffectInfo {
 /// kMaxBlock in Configure() and never allocate in ProcessBlock. Channels
 /// beyond the configured count are ignored.
 ///
+/// Non-finite input samples (NaN, infinities) are taken as silence before
+/// the subclass sees them, so one bad sample cannot poison a filter's or a
+/// reverb's state for the rest of the stream. Finding them costs one
+/// vectorised sum per channel and block; only a block that holds one is
+/// copied (into scratch sized at Start).
+///
 /// Flush() drains the tail: it feeds silence for GetTailFrames() frames
 /// after the input ended. Reset() clears the state (delay lines, envelopes,
 /// filter memories) and keeps the parameters: Reset() then the same input
@@ -151,6 +157,10 @@ class VEXAUDIODSP_API Effect : public DSPProcess {
   void Done() override;
   void ParameterChanged() override;
 
+ private:
+  /// `in` when every sample is finite, else a copy with the others zeroed.
+  float* Sanitized(float* in, int channel, int numFrames);
+
  protected:
   /// Sizes the state for GetNumChannels() and GetSampleRate() and applies
   /// rebuildsState parameters. May allocate.
@@ -178,6 +188,7 @@ class VEXAUDIODSP_API Effect : public DSPProcess {
   std::vector<float*> inChunk_;
   std::vector<float*> outChunk_;
   std::vector<float> silence_;
+  std::vector<float> clean_;
 };
 
 }  // namespace host

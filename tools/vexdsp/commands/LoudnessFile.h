@@ -62,7 +62,7 @@ inline dsp::LoudnessSummary MeasureLoudness(const std::string& path, const char*
   AudioFileReader reader(path);
   dsp::LoudnessAnalyzer analyzer;
   analyzer.SetLabels(LabelsForFile(reader));
-  FileSource source(reader);
+  FileSource source(reader, true);
   Progress progress(what, reader.GetNumFrames());
   std::string error;
   const bool ok = dsp::host::RunAnalyzer(analyzer, source, reader.GetNumChannels(), reader.GetSampleRate(), 0, -1,
@@ -70,6 +70,7 @@ inline dsp::LoudnessSummary MeasureLoudness(const std::string& path, const char*
   progress.Finish();
   source.Check();
   if (!ok) throw CliError(path + ": " + error);
+  source.WarnSilenced();
   return analyzer.GetSummary();
 }
 

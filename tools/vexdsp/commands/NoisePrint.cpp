@@ -59,12 +59,13 @@ class NoisePrintCommand final : public Command {
                        std::to_string(fftSize_) + "; a second or more of noise gives a steadier print");
     }
 
-    FileSource source(reader);
+    FileSource source(reader, true);
     dsp::nonoise::NoisePrint print;
     std::string error;
     const bool captured = dsp::nonoise::CaptureNoisePrintFromSource(source, channels, rate, first, last - first,
                                                                     fftSize_, &print, &error);
     source.Check();
+    source.WarnSilenced();
     if (!captured) throw CliError(error);
     if (!print.Save(output_, &error)) throw CliError(error);
 

@@ -120,7 +120,7 @@ class NormalizeCommand final : public Command {
       writer = std::make_unique<AudioFileWriter>(*output, format, channels, rate, reader.GetChannelMap());
       file = std::make_unique<FileSink>(*writer);
     }
-    FileSource source(reader);
+    FileSource source(reader, true);
     std::vector<dsp::Itu1770::ChannelLabel> labels = LabelsForFile(reader);
     if (labels.empty()) labels = dsp::Itu1770::LabelsFromLayout(vexmediatypes::CreateDefaultChannelLayout(channels));
     dsp::LoudnessMeter meter;
@@ -131,6 +131,7 @@ class NormalizeCommand final : public Command {
                                                           [&](std::int64_t done) { progress.Update(done); });
     progress.Finish();
     source.Check();
+    source.WarnSilenced();
     if (file) file->Check();
     if (written < 0) throw CliError("normalizing failed");
     chain.GetChain().Done();

@@ -76,7 +76,7 @@ class ResampleCommand final : public Command {
     AudioFileWriter writer(output_, format, channels, outRate, reader.GetChannelMap());
     writer.SetQuantizer(MakeDitherQuantizer(dither, expected));
     const int bits = GetIntegerBits(writer.GetFormat());
-    FileSource source(reader);
+    FileSource source(reader, true);
     FileSink sink(writer);
 
     Progress progress("resampling", declared, inRate);
@@ -84,6 +84,7 @@ class ResampleCommand final : public Command {
                                                              [&](std::int64_t done) { progress.Update(done); });
     progress.Finish();
     source.Check();
+    source.WarnSilenced();
     sink.Check();
     if (written < 0) throw CliError("resampling failed");
     if (declared >= 0 && source.GetFramesRead() != declared) {

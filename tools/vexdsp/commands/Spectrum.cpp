@@ -15,6 +15,7 @@
 #include "CliError.h"
 #include "Command.h"
 #include "Levels.h"
+#include "Pipeline.h"
 #include "Plot.h"
 #include "vexaudiodsp/spectrummeter/SpectrumMeterDSP.h"
 
@@ -88,9 +89,12 @@ class SpectrumCommand final : public Command {
     std::vector<float*> planar;
     for (auto& buffer : buffers) planar.push_back(buffer.data());
     std::int64_t frames = 0;
+    std::int64_t silenced = 0;
     for (int got; (got = reader.Read(planar.data(), kBlock)) > 0; frames += got) {
+      silenced += SilenceNonFinite(planar.data(), channels, got);
       meter.Process(planar.data(), got, vexcore::utility::Flags<std::uint64_t>());
     }
+    WarnSilencedNonFinite(silenced);
     if (frames < meter.GetFFTBlockSize()) {
       throw CliError(path_ + ": too short for the spectrum (" + std::to_string(frames) + " frames, at least " +
                      std::to_string(meter.GetFFTBlockSize()) + " needed)");

@@ -1,6 +1,7 @@
 #include "vexaudiodsp/host/Effect.h"
 
 #include <algorithm>
+#include <cmath>
 #include <fstream>
 
 #include "vexaccelerate/Denormals.h"
@@ -142,6 +143,7 @@ void Effect::Start() {
   inChunk_.assign(static_cast<std::size_t>(numChannels_), nullptr);
   outChunk_.assign(static_cast<std::size_t>(numChannels_), nullptr);
   silence_.assign(static_cast<std::size_t>(kMaxBlock), 0.0f);
+  clean_.assign(static_cast<std::size_t>(kMaxBlock) * static_cast<std::size_t>(numChannels_), 0.0f);
   Configure();
   ApplyParameters();
   dirty_ = false;
@@ -169,7 +171,7 @@ void Effect::Process(float** in, float** out, int numChannels, int numSamples) {
   for (int offset = 0; offset < numSamples; offset += kMaxBlock) {
     const int n = std::min(kMaxBlock, numSamples - offset);
     for (int ch = 0; ch < channels; ++ch) {
-      inChunk_[static_cast<std::size_t>(ch)] = in[ch] + offset;
+      inChunk_[static_cast<std::size_t>(ch)] = Sanitized(in[ch] + offset, ch, n);
       outChunk_[static_cast<std::size_t>(ch)] = out[ch] + offset;
     }
     ProcessBlock(inChunk_.data(), outChunk_.data(), channels, n);
@@ -198,6 +200,20 @@ int Effect::Flush(float** out, int numChannels, int numSamples) {
   }
   tailLeft_ -= total;
   return total;
+}
+
+float* Effect::Sanitized(float* in, int channel, int numFrames) {
+  const auto n = static_cast<std::size_t>(numFrames);
+  // Float samples summed in double cannot overflow, so a non-finite sum
+  // means a non-finite sample.
+  if (std::isfinite(vexaccelerate::utility::Sum(n, in))) {
+    return in;
+  }
+  float* clean = clean_.data() + static_cast<std::size_t>(channel) * static_cast<std::size_t>(kMaxBlock);
+  for (std::size_t i = 0; i < n; ++i) {
+    clean[i] = std::isfinite(in[i]) ? in[i] : 0.0f;
+  }
+  return clean;
 }
 
 void Effect::Done() { tailLeft_ = 0; }
