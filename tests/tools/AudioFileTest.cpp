@@ -29,6 +29,7 @@
 #include "CliError.h"
 #include "Levels.h"
 #include "Progress.h"
+#include "support/CliFixture.h"
 
 namespace {
 
@@ -42,15 +43,8 @@ using vexdsp::SampleFormat;
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInf = std::numeric_limits<float>::infinity();
 
-class AudioFileTest : public ::testing::Test {
+class AudioFileTest : public vextest::CliFixture {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "vexdsp-file-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
   long Entries() const { return std::distance(fs::directory_iterator(dir_), fs::directory_iterator()); }
 
   // Writes planar channels through the writer under test and commits.
@@ -77,7 +71,6 @@ class AudioFileTest : public ::testing::Test {
     return samples;
   }
 
-  fs::path dir_;
   std::unique_ptr<AudioFileWriter> writer_;
 };
 
@@ -479,28 +472,10 @@ TEST(ProgressLineTest, UnknownTotalShowsElapsedAudio) {
 // What reaches users through the real binary.
 class AudioFileCliTest : public AudioFileTest {
  protected:
-  struct RunResult {
-    int exitCode = -1;
-    std::string out, err;
-  };
-  RunResult Run(const std::string& command) const {
-    const fs::path out = dir_ / "stdout.txt", err = dir_ / "stderr.txt";
-    const std::string line = "cd '" + dir_.string() + "' && { " + command + "; } >'" + out.string() + "' 2>'" +
-                             err.string() + "' </dev/null";
-    const int status = std::system(line.c_str());
-    RunResult result{WIFEXITED(status) ? WEXITSTATUS(status) : -1, "", ""};
-    std::ifstream outFile(out), errFile(err);
-    result.out.assign(std::istreambuf_iterator<char>(outFile), std::istreambuf_iterator<char>());
-    result.err.assign(std::istreambuf_iterator<char>(errFile), std::istreambuf_iterator<char>());
-    return result;
-  }
+  // A shell command line (pipes allowed), not just vexdsp's arguments.
+  RunResult Run(const std::string& command) const { return Shell("{ " + command + "; }"); }
   void WriteFloat(const std::string& name, const std::vector<float>& interleaved, int channels) const {
-    SF_INFO info{0, 48000, channels, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, 0};
-    SNDFILE* file = sf_open(Path(name).c_str(), SFM_WRITE, &info);
-    ASSERT_NE(file, nullptr);
-    const sf_count_t frames = static_cast<sf_count_t>(interleaved.size()) / channels;
-    ASSERT_EQ(sf_writef_float(file, interleaved.data(), frames), frames);
-    sf_close(file);
+    WriteInterleaved(name, interleaved, channels, 48000);
   }
 };
 

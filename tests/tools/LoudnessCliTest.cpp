@@ -13,38 +13,17 @@
 #include <string>
 #include <vector>
 
+#include "support/CliFixture.h"
 #include "support/TestSignals.h"
 
 namespace {
 
+using vextest::ReadText;
+
 namespace fs = std::filesystem;
 
-std::string ReadText(const fs::path& path) {
-  std::stringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
-class LoudnessCliTest : public ::testing::Test {
+class LoudnessCliTest : public vextest::CliFixture {
  protected:
-  struct RunResult {
-    int exitCode = -1;
-    std::string out, err;
-  };
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "vexdsp-loudness-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    fs::create_directories(dir_ = (root_ = pattern) / "work");
-  }
-  void TearDown() override { fs::remove_all(root_); }
-  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
-  RunResult Run(const std::string& args) const {
-    const fs::path out = root_ / "stdout.txt", err = root_ / "stderr.txt";
-    const int status = std::system(("cd '" + dir_.string() + "' && '" VEXDSP_BINARY "' " + args + " >'" + out.string() +
-                                    "' 2>'" + err.string() + "' </dev/null")
-                                       .c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadText(out), ReadText(err)};
-  }
   // A stereo float WAV: the same signal in both channels.
   void Write(const std::string& name, const std::vector<float>& mono, int rate = 48000) const {
     std::vector<float> interleaved;
@@ -63,7 +42,6 @@ class LoudnessCliTest : public ::testing::Test {
     for (std::string line; std::getline(in, line);) lines.push_back(nlohmann::json::parse(line));
     return lines;
   }
-  fs::path root_, dir_;
 };
 
 // EBU Tech 3341 case 1 as a file (-23 dBFS stereo 1 kHz) and the same tone

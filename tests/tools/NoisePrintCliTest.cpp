@@ -13,17 +13,14 @@
 #include <string>
 #include <vector>
 
+#include "support/CliFixture.h"
 #include "support/TestSignals.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using vextest::ReadText;
 
-std::string ReadText(const fs::path& path) {
-  std::stringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
+namespace fs = std::filesystem;
 
 // Planar float channels as a 32-bit float WAV.
 void WriteWav(const fs::path& path, const std::vector<std::vector<float>>& ch, int rate) {
@@ -60,16 +57,10 @@ double RmsDb(const std::vector<float>& x, std::size_t from, std::size_t to) {
   return 10.0 * std::log10(sum / static_cast<double>(to - from));
 }
 
-class NoisePrintCliTest : public ::testing::Test {
+class NoisePrintCliTest : public vextest::CliFixture {
  protected:
-  struct RunResult {
-    int exitCode = -1;
-    std::string out, err;
-  };
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "vexdsp-noiseprint-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
+    CliFixture::SetUp();
     // 2 s of stereo noise at -35 dBFS RMS, a 1 kHz tone from 1 s on.
     const std::size_t frames = 96000;
     noise_ = {vextest::Noise(frames, 31, 0.03), vextest::Noise(frames, 32, 0.03)};
@@ -80,17 +71,6 @@ class NoisePrintCliTest : public ::testing::Test {
     }
     WriteWav(dir_ / "take.wav", mix, 48000);
   }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  RunResult Run(const std::string& args) const {
-    const fs::path out = dir_ / "stdout.txt", err = dir_ / "stderr.txt";
-    const int status = std::system(("cd '" + dir_.string() + "' && '" VEXDSP_BINARY "' " + args + " >'" + out.string() +
-                                    "' 2>'" + err.string() + "' </dev/null")
-                                       .c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadText(out), ReadText(err)};
-  }
-
-  fs::path dir_;
   std::vector<std::vector<float>> noise_;
 };
 

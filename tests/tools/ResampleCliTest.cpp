@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "support/CliFixture.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -24,29 +26,16 @@ struct Audio {
   float At(sf_count_t frame, int ch) const { return samples[static_cast<std::size_t>(frame * channels + ch)]; }
 };
 
-class ResampleCliTest : public ::testing::Test {
+class ResampleCliTest : public vextest::CliFixture {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "vexdsp-resample-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
-
   int Run(const std::string& args, std::string* err = nullptr) const { return RunCommand("resample " + args, err); }
 
   int RunCommand(const std::string& args, std::string* err = nullptr) const {
-    const fs::path errPath = dir_ / "stderr.txt";
-    const int status = std::system(("cd '" + dir_.string() + "' && '" VEXDSP_BINARY "' " + args + " >/dev/null 2>'" +
-                                    errPath.string() + "' </dev/null")
-                                       .c_str());
+    const RunResult result = CliFixture::Run(args);
     if (err != nullptr) {
-      std::stringstream text;
-      text << std::ifstream(errPath).rdbuf();
-      *err = text.str();
+      *err = result.err;
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result.exitCode;
   }
 
   void Write(const std::string& name, const Audio& audio) const {
@@ -90,8 +79,6 @@ class ResampleCliTest : public ::testing::Test {
     }
     return worst;
   }
-
-  fs::path dir_;
 };
 
 TEST_F(ResampleCliTest, OutputStartsInTimeWithTheRoundedLength) {

@@ -14,40 +14,19 @@
 #include <string>
 
 #include "filters/Prototypes.h"
+#include "support/CliFixture.h"
 
 namespace {
+
+using vextest::ReadText;
 
 namespace fs = std::filesystem;
 using vextest::Complex;
 using vextest::Prototype;
 
-struct RunResult {
-  int exitCode = -1;
-  std::string out, err;
-};
-
-std::string ReadText(const fs::path& path) {
-  std::stringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
-class ResponseTest : public ::testing::Test {
+class ResponseTest : public vextest::CliFixture {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "vexdsp-response-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-  RunResult Vexdsp(const std::string& args) const {
-    const fs::path out = dir_ / "stdout.txt", err = dir_ / "stderr.txt";
-    const int status = std::system(("cd '" + dir_.string() + "' && '" VEXDSP_BINARY "' " + args + " >'" + out.string() +
-                                    "' 2>'" + err.string() + "' </dev/null")
-                                       .c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadText(out), ReadText(err)};
-  }
-  fs::path dir_;
+  RunResult Vexdsp(const std::string& args) const { return Run(args); }
 };
 
 TEST_F(ResponseTest, EqResponseIsComputedFromTheTransferFunction) {

@@ -20,39 +20,17 @@
 
 #include "AuFormat.h"
 #include "CliError.h"
+#include "support/CliFixture.h"
 #include "support/TestSignals.h"
 
 namespace {
 
+using vextest::ReadText;
+
 namespace fs = std::filesystem;
 
-std::string ReadText(const fs::path& path) {
-  std::stringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
-class SpectrumCliTest : public ::testing::Test {
+class SpectrumCliTest : public vextest::CliFixture {
  protected:
-  struct RunResult {
-    int exitCode = -1;
-    std::string out, err;
-  };
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "vexdsp-spectrum-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    fs::create_directories(dir_ = (root_ = pattern) / "work");
-  }
-  void TearDown() override { fs::remove_all(root_); }
-  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
-  RunResult Shell(const std::string& command) const {
-    const fs::path out = root_ / "stdout.txt", err = root_ / "stderr.txt";
-    const int status = std::system(
-        ("cd '" + dir_.string() + "' && " + command + " >'" + out.string() + "' 2>'" + err.string() + "' </dev/null")
-            .c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadText(out), ReadText(err)};
-  }
-  RunResult Run(const std::string& args) const { return Shell("'" VEXDSP_BINARY "' " + args); }
   // A stereo float WAV with a tone of amplitude `amplitude` in both channels.
   void WriteTone(const std::string& name, double hz, double amplitude, int frames) const {
     SF_INFO info{0, 48000, 2, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, 0};
@@ -64,8 +42,6 @@ class SpectrumCliTest : public ::testing::Test {
     sf_writef_float(file, interleaved.data(), frames);
     sf_close(file);
   }
-
-  fs::path root_, dir_;
 };
 
 // A -6 dBFS tone at 1 kHz reads -6 dBFS in its band (third-octave band 17,

@@ -14,9 +14,12 @@
 #include <string>
 #include <vector>
 
+#include "support/CliFixture.h"
 #include "support/TestSignals.h"
 
 namespace {
+
+using vextest::ReadText;
 
 namespace fs = std::filesystem;
 
@@ -27,32 +30,8 @@ struct Audio {
   float At(sf_count_t frame, int ch) const { return samples[static_cast<std::size_t>(frame * channels + ch)]; }
 };
 
-std::string ReadText(const fs::path& path) {
-  std::stringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
-class TimeEffectsCliTest : public ::testing::Test {
+class TimeEffectsCliTest : public vextest::CliFixture {
  protected:
-  struct RunResult {
-    int exitCode = -1;
-    std::string out, err;
-  };
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "vexdsp-timefx-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    fs::create_directories(dir_ = (root_ = pattern) / "work");
-  }
-  void TearDown() override { fs::remove_all(root_); }
-  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
-  RunResult Run(const std::string& args) const {
-    const fs::path out = root_ / "stdout.txt", err = root_ / "stderr.txt";
-    const int status = std::system(("cd '" + dir_.string() + "' && '" VEXDSP_BINARY "' " + args + " >'" + out.string() +
-                                    "' 2>'" + err.string() + "' </dev/null")
-                                       .c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadText(out), ReadText(err)};
-  }
   void Write(const std::string& name, const Audio& audio) const {
     SF_INFO info{0, audio.rate, audio.channels, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, 0};
     SNDFILE* file = sf_open(Path(name).c_str(), SFM_WRITE, &info);
@@ -82,8 +61,6 @@ class TimeEffectsCliTest : public ::testing::Test {
     }
     return -1;
   }
-
-  fs::path root_, dir_;
 };
 
 TEST_F(TimeEffectsCliTest, ListingShowsKeysChoicesAndChannelRules) {

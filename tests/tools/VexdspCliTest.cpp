@@ -17,20 +17,17 @@
 #include <tuple>
 #include <vector>
 
+#include "support/CliFixture.h"
 #include "support/TestSignals.h"
 
 namespace {
+
+using vextest::ReadText;
 
 namespace fs = std::filesystem;
 
 constexpr int kWavFloat = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
 constexpr int kWav16 = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-
-std::string ReadText(const fs::path& path) {
-  std::stringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
 
 struct Audio {
   int channels = 0, rate = 0, format = 0;
@@ -49,27 +46,8 @@ Audio MakeNoise(int channels, sf_count_t frames, int rate, int format, unsigned 
 
 // A scratch folder per test; stdout and stderr are captured in its parent so
 // that the folder holds only what vexdsp left.
-class VexdspCliTest : public ::testing::Test {
+class VexdspCliTest : public vextest::CliFixture {
  protected:
-  struct RunResult {
-    int exitCode = -1;
-    std::string out, err;
-  };
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "vexdsp-cli-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    fs::create_directories(dir_ = (root_ = pattern) / "work");
-  }
-  void TearDown() override { fs::remove_all(root_); }
-  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
-  // args: shell-safe words separated by spaces.
-  RunResult Run(const std::string& args) const {
-    const fs::path out = root_ / "stdout.txt", err = root_ / "stderr.txt";
-    const int status = std::system(("cd '" + dir_.string() + "' && '" VEXDSP_BINARY "' " + args + " >'" + out.string() +
-                                    "' 2>'" + err.string() + "' </dev/null")
-                                       .c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadText(out), ReadText(err)};
-  }
   long Entries() const { return std::distance(fs::directory_iterator(dir_), fs::directory_iterator()); }
   void Write(const std::string& name, const Audio& audio) const {
     SF_INFO info{0, audio.rate, audio.channels, audio.format, 0, 0};
@@ -91,8 +69,6 @@ class VexdspCliTest : public ::testing::Test {
     sf_close(file);
     return audio;
   }
-
-  fs::path root_, dir_;
 };
 
 // 1 kHz at 0.5 and 750 Hz at 0.25, whole periods in 48000 frames: the peak is
