@@ -40,7 +40,8 @@ class ProcessCommand final : public Command {
     app.add_option("IN", input_, "Input sound file ('-' reads standard input)")->required();
     app.add_option(
            "OUT", output_,
-           "Output sound file; .wav, .w64, .rf64, .flac, .aif or .aiff picks the container. Written only on success.")
+           "Output sound file; .wav, .w64, .rf64, .flac, .aif, .aiff or .au picks the container. Written only on "
+           "success.")
         ->required();
     app.add_option("EFFECT", effects_,
                    "One or more effects, run in order, each as name:key=value,key=value or a bare name for the "

@@ -25,7 +25,8 @@ class ResampleCommand final : public Command {
  public:
   void Configure(CLI::App& app) override {
     app.add_option("IN", input_, "Input sound file")->required();
-    app.add_option("OUT", output_, "Output sound file; .wav, .w64, .rf64, .flac, .aif or .aiff picks the container")
+    app.add_option("OUT", output_,
+                   "Output sound file; .wav, .w64, .rf64, .flac, .aif, .aiff or .au picks the container")
         ->required();
     app.add_option("--rate", rate_, "Target sample rate in Hz")->required();
     app.add_option("--quality", quality_,
