@@ -15,10 +15,22 @@ namespace utility {
 /// Keep the filtering itself in a separate, non-inlined function when the
 /// exact results matter: the compiler may otherwise move arithmetic across
 /// the mode switch.
+///
+/// Guards nest freely: writing MXCSR stalls the pipeline, so a guard inside
+/// one that already set the mode (an effect's block around a filter's
+/// per-sample call) reads the register and writes nothing.
 class ScopedFlushDenormals {
  public:
-  ScopedFlushDenormals() noexcept : saved_(_mm_getcsr()) { _mm_setcsr(saved_ | kFtzDaz); }
-  ~ScopedFlushDenormals() { _mm_setcsr(saved_); }
+  ScopedFlushDenormals() noexcept : saved_(_mm_getcsr()) {
+    if ((saved_ & kFtzDaz) != kFtzDaz) {
+      _mm_setcsr(saved_ | kFtzDaz);
+    }
+  }
+  ~ScopedFlushDenormals() {
+    if ((saved_ & kFtzDaz) != kFtzDaz) {
+      _mm_setcsr(saved_);
+    }
+  }
   ScopedFlushDenormals(const ScopedFlushDenormals&) = delete;
   ScopedFlushDenormals& operator=(const ScopedFlushDenormals&) = delete;
 
