@@ -67,6 +67,15 @@ VEX_API void Convert(std::size_t n, const std::int16_t* src, float* dst) noexcep
 /// saturates to [-32768, 32767]; NaN becomes 0.
 VEX_API void Convert(std::size_t n, const float* src, std::int16_t* dst) noexcept;
 
+/// Split to interleaved complex: dst[2i] = re[i], dst[2i + 1] = im[i] for
+/// i < n. The arrays may not overlap.
+VEX_API void RealToComplex(std::size_t n, const float* re, const float* im, float* dst) noexcept;
+VEX_API void RealToComplex(std::size_t n, const double* re, const double* im, double* dst) noexcept;
+/// Interleaved to split complex: re[i] = src[2i], im[i] = src[2i + 1]. The
+/// arrays may not overlap.
+VEX_API void ComplexToReal(std::size_t n, const float* src, float* re, float* im) noexcept;
+VEX_API void ComplexToReal(std::size_t n, const double* src, double* re, double* im) noexcept;
+
 /// dst[i * channels + c] = src[c][i] for i < n.
 VEX_API void Interleave(const float* const* src, std::size_t channels, std::size_t n, float* dst) noexcept;
 /// dst[c][i] = src[i * channels + c] for i < n.

@@ -135,6 +135,31 @@ TEST(VectorOps, InterleaveRoundTrip) {
   }
 }
 
+// Odd lengths leave a tail after the vector loop of the dispatched kernel.
+template <typename T>
+void CheckComplexSplitRoundTrip(std::size_t n) {
+  std::vector<T> re(n), im(n), inter(2 * n, T(-1)), re2(n), im2(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    re[i] = static_cast<T>(i) + T(0.25);
+    im[i] = -static_cast<T>(i) - T(0.5);
+  }
+  u::RealToComplex(n, re.data(), im.data(), inter.data());
+  for (std::size_t i = 0; i < n; ++i) {
+    ASSERT_EQ(inter[2 * i], re[i]) << n << " " << i;
+    ASSERT_EQ(inter[2 * i + 1], im[i]) << n << " " << i;
+  }
+  u::ComplexToReal(n, inter.data(), re2.data(), im2.data());
+  EXPECT_EQ(re2, re) << n;
+  EXPECT_EQ(im2, im) << n;
+}
+
+TEST(VectorOps, ComplexSplitRoundTrip) {
+  for (std::size_t n : {0u, 1u, 7u, 16u, 37u, 1024u}) {
+    CheckComplexSplitRoundTrip<float>(n);
+    CheckComplexSplitRoundTrip<double>(n);
+  }
+}
+
 TEST(VectorOps, WindowsMatchClosedForms) {
   const std::tuple<std::size_t, double, double> cases[] = {
       {4, 0.0, 0.16}, {5, 2.5, 0.2}, {31, 8.0, 0.16}, {64, 14.0, 0.3}};

@@ -150,6 +150,29 @@ VEX_KERNEL double SumK(std::size_t n, const float* src) { return SumKernel(n, sr
 VEX_KERNEL double SumK(std::size_t n, const double* src) { return SumKernel(n, src); }
 VEX_KERNEL float MaxK(std::size_t n, const float* src) { return MaxKernel(n, src); }
 VEX_KERNEL double MaxK(std::size_t n, const double* src) { return MaxKernel(n, src); }
+// Split <-> interleaved complex: the loops vectorise to unpack/permute
+// pairs once the AVX2 clone is taken.
+template <typename T>
+VEX_INLINE void ZipKernel(std::size_t n, const T* __restrict re, const T* __restrict im, T* __restrict dst) {
+  for (std::size_t i = 0; i < n; ++i) {
+    dst[2 * i] = re[i];
+    dst[2 * i + 1] = im[i];
+  }
+}
+
+template <typename T>
+VEX_INLINE void UnzipKernel(std::size_t n, const T* __restrict src, T* __restrict re, T* __restrict im) {
+  for (std::size_t i = 0; i < n; ++i) {
+    re[i] = src[2 * i];
+    im[i] = src[2 * i + 1];
+  }
+}
+
+VEX_KERNEL void ZipK(std::size_t n, const float* re, const float* im, float* dst) { ZipKernel(n, re, im, dst); }
+VEX_KERNEL void ZipK(std::size_t n, const double* re, const double* im, double* dst) { ZipKernel(n, re, im, dst); }
+VEX_KERNEL void UnzipK(std::size_t n, const float* src, float* re, float* im) { UnzipKernel(n, src, re, im); }
+VEX_KERNEL void UnzipK(std::size_t n, const double* src, double* re, double* im) { UnzipKernel(n, src, re, im); }
+
 VEX_KERNEL void FloatToDouble(std::size_t n, const float* src, double* dst) { ConvertKernel(n, src, dst); }
 VEX_KERNEL void DoubleToFloat(std::size_t n, const double* src, float* dst) { ConvertKernel(n, src, dst); }
 
@@ -332,6 +355,11 @@ void Convert(std::size_t n, const float* src, double* dst) noexcept { FloatToDou
 void Convert(std::size_t n, const double* src, float* dst) noexcept { DoubleToFloat(n, src, dst); }
 void Convert(std::size_t n, const std::int16_t* src, float* dst) noexcept { Int16ToFloat(n, src, dst); }
 void Convert(std::size_t n, const float* src, std::int16_t* dst) noexcept { FloatToInt16(n, src, dst); }
+
+void RealToComplex(std::size_t n, const float* re, const float* im, float* dst) noexcept { ZipK(n, re, im, dst); }
+void RealToComplex(std::size_t n, const double* re, const double* im, double* dst) noexcept { ZipK(n, re, im, dst); }
+void ComplexToReal(std::size_t n, const float* src, float* re, float* im) noexcept { UnzipK(n, src, re, im); }
+void ComplexToReal(std::size_t n, const double* src, double* re, double* im) noexcept { UnzipK(n, src, re, im); }
 
 void Interleave(const float* const* src, std::size_t channels, std::size_t n, float* dst) noexcept {
   if (channels == 2) {

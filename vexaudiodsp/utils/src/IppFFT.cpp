@@ -144,18 +144,13 @@ namespace {
 // go through the engine's scratch. In place (reOut == reIn) is fine because
 // the scratch is read back only after the transform.
 template <typename T, typename State>
-int SplitComplex(const State* plan, T* __restrict scratch, void* work, const T* reIn, const T* imIn, T* reOut, T* imOut,
-                 int n, int dir) {
-  for (int i = 0; i < n; ++i) {
-    scratch[2 * i] = reIn[i];
-    scratch[2 * i + 1] = imIn[i];
-  }
+int SplitComplex(const State* plan, T* scratch, void* work, const T* reIn, const T* imIn, T* reOut, T* imOut, int n,
+                 int dir) {
+  const auto count = static_cast<std::size_t>(n);
+  vu::RealToComplex(count, reIn, imIn, scratch);
   const int status = dir == 1 ? vt::FFTFwd(plan, scratch, scratch, work) : vt::FFTInv(plan, scratch, scratch, work);
   if (status != 0) return status;
-  for (int i = 0; i < n; ++i) {
-    reOut[i] = scratch[2 * i];
-    imOut[i] = scratch[2 * i + 1];
-  }
+  vu::ComplexToReal(count, scratch, reOut, imOut);
   return 0;
 }
 
