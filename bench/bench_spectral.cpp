@@ -1,14 +1,9 @@
-// Spectral processing costs.
+// Noise reduction costs (the FFT engines beside FFTW are in
+// bench_fft_engines.cpp).
 //
-// Engines: forward plus inverse transform (forward only for the
-// forward-only engines) of each IppFFT engine at N = 1024, 4096, 8192,
-// beside FFTW 3 called directly with the same planning flags (FFTW_ESTIMATE)
-// on the same layout: split arrays through the guru split interface for the
-// complex engines, r2c/c2r for the real ones. per_sample = time / N.
-//
-// Noise reduction: NoNoiseProcess at its defaults (N 4096, overlap 7) on
-// stereo 48 kHz in 512-sample blocks, in ns per sample per channel; then the
-// whole `vexdsp process ... denoise` command beside `sox ... noisered` on the
+// NoNoiseProcess at its defaults (N 4096, overlap 7) on stereo 48 kHz in
+// 512-sample blocks, in ns per sample per channel; then the whole
+// `vexdsp process ... denoise` command beside `sox ... noisered` on the
 // same generated 10-minute stereo 48 kHz file, each reported as a multiple of
 // real time (x_realtime, from wall time; child_cpu_s is the command's CPU
 // time) with the noise reduction it achieved in the gaps between tones
@@ -16,7 +11,6 @@
 // 440 Hz and 3 kHz bursts against the clean tones). The command benchmarks need the vexdsp binary (found beside
 // this program in the build tree, or VEXDSP_BINARY) and sox on PATH.
 #include <benchmark/benchmark.h>
-#include <fftw3.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -31,213 +25,13 @@
 #include <vector>
 
 #include "BenchSupport.h"
-#include "vexaccelerate/Utility.h"
 #include "vexaudiodsp/host/Render.h"
 #include "vexaudiodsp/nonoise/NoNoiseProcess.h"
 #include "vexaudiodsp/nonoise/NoisePrint.h"
-#include "vexaudiodsp/utils/IppFFT.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-namespace vu = vexaccelerate::utility;
-
-template <typename T>
-std::vector<T> Signal(std::size_t n) {
-  std::vector<T> x(n);
-  for (std::size_t i = 0; i < n; ++i) x[i] = static_cast<T>(std::sin(0.37 * static_cast<double>(i)));
-  return x;
-}
-
-void BM_IppFFT(benchmark::State& state) {
-  const int n = static_cast<int>(state.range(0));
-  dsp::IppFFT fft(n);
-  std::vector<double> re = Signal<double>(n), im = Signal<double>(n);
-  for (auto _ : state) {
-    fft.FFT(re.data(), im.data(), 1);
-    fft.FFT(re.data(), im.data(), -1);
-    vu::MulConstant_InPlace(re.size(), re.data(), 1.0 / n);
-    vu::MulConstant_InPlace(im.size(), im.data(), 1.0 / n);
-    benchmark::ClobberMemory();
-  }
-  vexbench::ReportTimePerSample(state, n);
-}
-
-void BM_IppFFT32(benchmark::State& state) {
-  const int n = static_cast<int>(state.range(0));
-  dsp::IppFFT32 fft(n);
-  std::vector<float> re = Signal<float>(n), im = Signal<float>(n);
-  for (auto _ : state) {
-    fft.FFT(re.data(), im.data(), 1);
-    fft.FFT(re.data(), im.data(), -1);
-    vu::MulConstant_InPlace(re.size(), re.data(), 1.0f / n);
-    vu::MulConstant_InPlace(im.size(), im.data(), 1.0f / n);
-    benchmark::ClobberMemory();
-  }
-  vexbench::ReportTimePerSample(state, n);
-}
-
-// The FFTW peers keep the same rescaling so both sides do the same work.
-void BM_FftwSplitDouble(benchmark::State& state) {
-  const int n = static_cast<int>(state.range(0));
-  double* re = fftw_alloc_real(static_cast<std::size_t>(n));
-  double* im = fftw_alloc_real(static_cast<std::size_t>(n));
-  fftw_iodim dim{n, 1, 1};
-  fftw_plan plan = fftw_plan_guru_split_dft(1, &dim, 0, nullptr, re, im, re, im, FFTW_ESTIMATE);
-  // The inverse is the forward transform with the parts swapped, planned
-  // as such (executing the forward plan on swapped arrays is not allowed).
-  fftw_plan inverse = fftw_plan_guru_split_dft(1, &dim, 0, nullptr, im, re, im, re, FFTW_ESTIMATE);
-  const std::vector<double> x = Signal<double>(n);
-  std::copy(x.begin(), x.end(), re);
-  std::copy(x.begin(), x.end(), im);
-  for (auto _ : state) {
-    fftw_execute(plan);
-    fftw_execute(inverse);
-    vu::MulConstant_InPlace(static_cast<std::size_t>(n), re, 1.0 / n);
-    vu::MulConstant_InPlace(static_cast<std::size_t>(n), im, 1.0 / n);
-    benchmark::ClobberMemory();
-  }
-  vexbench::ReportTimePerSample(state, n);
-  fftw_destroy_plan(plan);
-  fftw_destroy_plan(inverse);
-  fftw_free(re);
-  fftw_free(im);
-}
-
-void BM_FftwSplitFloat(benchmark::State& state) {
-  const int n = static_cast<int>(state.range(0));
-  float* re = fftwf_alloc_real(static_cast<std::size_t>(n));
-  float* im = fftwf_alloc_real(static_cast<std::size_t>(n));
-  fftwf_iodim dim{n, 1, 1};
-  fftwf_plan plan = fftwf_plan_guru_split_dft(1, &dim, 0, nullptr, re, im, re, im, FFTW_ESTIMATE);
-  // The inverse is the forward transform with the parts swapped, planned
-  // as such (executing the forward plan on swapped arrays is not allowed).
-  fftwf_plan inverse = fftwf_plan_guru_split_dft(1, &dim, 0, nullptr, im, re, im, re, FFTW_ESTIMATE);
-  const std::vector<float> x = Signal<float>(n);
-  std::copy(x.begin(), x.end(), re);
-  std::copy(x.begin(), x.end(), im);
-  for (auto _ : state) {
-    fftwf_execute(plan);
-    fftwf_execute(inverse);
-    vu::MulConstant_InPlace(static_cast<std::size_t>(n), re, 1.0f / n);
-    vu::MulConstant_InPlace(static_cast<std::size_t>(n), im, 1.0f / n);
-    benchmark::ClobberMemory();
-  }
-  vexbench::ReportTimePerSample(state, n);
-  fftwf_destroy_plan(plan);
-  fftwf_destroy_plan(inverse);
-  fftwf_free(re);
-  fftwf_free(im);
-}
-
-void BM_IppFFT32R(benchmark::State& state) {
-  const int n = static_cast<int>(state.range(0));
-  dsp::IppFFT32R fft(n);
-  float* time = vu::Malloc_Float(static_cast<std::size_t>(n) + 2);
-  float* freq = vu::Malloc_Float(static_cast<std::size_t>(n) + 2);
-  const std::vector<float> x = Signal<float>(n);
-  std::copy(x.begin(), x.end(), time);
-  for (auto _ : state) {
-    fft.FFT(time, freq, 1);
-    fft.FFT(freq, time, -1);
-    vu::MulConstant_InPlace(static_cast<std::size_t>(n), time, 1.0f / n);
-    benchmark::ClobberMemory();
-  }
-  vexbench::ReportTimePerSample(state, n);
-  vu::Free(time);
-  vu::Free(freq);
-}
-
-void BM_FftwRealFloat(benchmark::State& state) {
-  const int n = static_cast<int>(state.range(0));
-  float* time = fftwf_alloc_real(static_cast<std::size_t>(n) + 2);
-  fftwf_complex* freq = fftwf_alloc_complex(static_cast<std::size_t>(n / 2 + 1));
-  fftwf_plan fwd = fftwf_plan_dft_r2c_1d(n, time, freq, FFTW_ESTIMATE);
-  fftwf_plan inv = fftwf_plan_dft_c2r_1d(n, freq, time, FFTW_ESTIMATE);
-  const std::vector<float> x = Signal<float>(n);
-  std::copy(x.begin(), x.end(), time);
-  for (auto _ : state) {
-    fftwf_execute(fwd);
-    fftwf_execute(inv);
-    vu::MulConstant_InPlace(static_cast<std::size_t>(n), time, 1.0f / n);
-    benchmark::ClobberMemory();
-  }
-  vexbench::ReportTimePerSample(state, n);
-  fftwf_destroy_plan(fwd);
-  fftwf_destroy_plan(inv);
-  fftwf_free(time);
-  fftwf_free(freq);
-}
-
-void BM_IppFFT32fReal(benchmark::State& state) {
-  const int n = static_cast<int>(state.range(0));
-  dsp::IppFFT32fReal fft(n);
-  float* time = vu::Malloc_Float(static_cast<std::size_t>(n));
-  float* freq = vu::Malloc_Float(static_cast<std::size_t>(n) + 2);
-  const std::vector<float> x = Signal<float>(n);
-  std::copy(x.begin(), x.end(), time);
-  for (auto _ : state) {
-    fft.FFT(time, freq);
-    benchmark::ClobberMemory();
-  }
-  vexbench::ReportTimePerSample(state, n);
-  vu::Free(time);
-  vu::Free(freq);
-}
-
-void BM_FftwRealFloatFwdScaled(benchmark::State& state) {
-  const int n = static_cast<int>(state.range(0));
-  float* time = fftwf_alloc_real(static_cast<std::size_t>(n));
-  fftwf_complex* freq = fftwf_alloc_complex(static_cast<std::size_t>(n / 2 + 1));
-  fftwf_plan fwd = fftwf_plan_dft_r2c_1d(n, time, freq, FFTW_ESTIMATE);
-  const std::vector<float> x = Signal<float>(n);
-  std::copy(x.begin(), x.end(), time);
-  for (auto _ : state) {
-    fftwf_execute(fwd);
-    vu::MulConstant_InPlace(static_cast<std::size_t>(n) + 2, reinterpret_cast<float*>(freq), 1.0f / n);
-    benchmark::ClobberMemory();
-  }
-  vexbench::ReportTimePerSample(state, n);
-  fftwf_destroy_plan(fwd);
-  fftwf_free(time);
-  fftwf_free(freq);
-}
-
-void BM_IppFFT64fReal(benchmark::State& state) {
-  const int n = static_cast<int>(state.range(0));
-  dsp::IppFFT64fReal fft(n);
-  double* time = vu::Malloc_Double(static_cast<std::size_t>(n));
-  double* freq = vu::Malloc_Double(static_cast<std::size_t>(n) + 2);
-  const std::vector<double> x = Signal<double>(n);
-  std::copy(x.begin(), x.end(), time);
-  for (auto _ : state) {
-    fft.FFT(time, freq);
-    benchmark::ClobberMemory();
-  }
-  vexbench::ReportTimePerSample(state, n);
-  vu::Free(time);
-  vu::Free(freq);
-}
-
-void BM_FftwRealDoubleFwdScaled(benchmark::State& state) {
-  const int n = static_cast<int>(state.range(0));
-  double* time = fftw_alloc_real(static_cast<std::size_t>(n));
-  fftw_complex* freq = fftw_alloc_complex(static_cast<std::size_t>(n / 2 + 1));
-  fftw_plan fwd = fftw_plan_dft_r2c_1d(n, time, freq, FFTW_ESTIMATE);
-  const std::vector<double> x = Signal<double>(n);
-  std::copy(x.begin(), x.end(), time);
-  for (auto _ : state) {
-    fftw_execute(fwd);
-    vu::MulConstant_InPlace(static_cast<std::size_t>(n) + 2, reinterpret_cast<double*>(freq), 1.0 / n);
-    benchmark::ClobberMemory();
-  }
-  vexbench::ReportTimePerSample(state, n);
-  fftw_destroy_plan(fwd);
-  fftw_free(time);
-  fftw_free(freq);
-}
-
-// ---- Noise reduction ------------------------------------------------------
 
 constexpr int kRate = 48000;
 
@@ -463,16 +257,6 @@ void BM_SoxNoisered(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_IppFFT)->Arg(1024)->Arg(4096)->Arg(8192);
-BENCHMARK(BM_FftwSplitDouble)->Arg(1024)->Arg(4096)->Arg(8192);
-BENCHMARK(BM_IppFFT32)->Arg(1024)->Arg(4096)->Arg(8192);
-BENCHMARK(BM_FftwSplitFloat)->Arg(1024)->Arg(4096)->Arg(8192);
-BENCHMARK(BM_IppFFT32R)->Arg(1024)->Arg(4096)->Arg(8192);
-BENCHMARK(BM_FftwRealFloat)->Arg(1024)->Arg(4096)->Arg(8192);
-BENCHMARK(BM_IppFFT32fReal)->Arg(1024)->Arg(4096)->Arg(8192);
-BENCHMARK(BM_FftwRealFloatFwdScaled)->Arg(1024)->Arg(4096)->Arg(8192);
-BENCHMARK(BM_IppFFT64fReal)->Arg(1024)->Arg(4096)->Arg(8192);
-BENCHMARK(BM_FftwRealDoubleFwdScaled)->Arg(1024)->Arg(4096)->Arg(8192);
 BENCHMARK(BM_NoNoiseProcess)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_VexdspProcessDenoise)->Arg(0)->Arg(1)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
 BENCHMARK(BM_SoxNoisered)->Arg(0)->Arg(1)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
