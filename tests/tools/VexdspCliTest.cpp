@@ -207,6 +207,11 @@ TEST_F(VexdspCliTest, UsageErrorsAndFailedRunsHaveTheirOwnStatus) {
     EXPECT_EQ(Run(args).exitCode, 2);
   }
   EXPECT_EQ(Run("process missing.wav out.wav gain").exitCode, 1);
+  // Only an unknown name points at the list; a refused value names itself.
+  EXPECT_NE(Run("process in.wav out.wav nosuch").err.find("'vexdsp effects'"), std::string::npos);
+  const RunResult badValue = Run("process in.wav out.wav gain:db=1000");
+  EXPECT_NE(badValue.err.find("db"), std::string::npos) << badValue.err;
+  EXPECT_EQ(badValue.err.find("'vexdsp effects'"), std::string::npos) << badValue.err;
   // Exactly at a key's limits is legal.
   EXPECT_EQ(Run("process in.wav out.wav gain:db=-120 gain:db=48").exitCode, 0);
 }

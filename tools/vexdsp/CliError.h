@@ -21,4 +21,12 @@ class UsageError : public CliError {
   explicit UsageError(const std::string& message) : CliError(message) {}
 };
 
+/// The usage error for an effect text the registry refused: an unknown name
+/// gets a pointer to the list; other refusals (a bad value, a noise print
+/// that does not fit) stand as they are.
+inline UsageError EffectTextError(const std::string& error) {
+  if (error.rfind("unknown effect", 0) == 0) return UsageError(error + " (run 'vexdsp effects' for the list)");
+  return UsageError(error);
+}
+
 }  // namespace vexdsp

@@ -94,7 +94,7 @@ std::unique_ptr<dsp::host::EffectChain> ParseEffectChain(const std::vector<std::
   for (const std::string& text : texts) {
     std::string error;
     if (!chain->Add(text, &error)) {
-      throw UsageError(error + " (run 'vexdsp effects' for the list)");
+      throw EffectTextError(error);
     }
   }
   return chain;

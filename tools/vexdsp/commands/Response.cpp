@@ -41,7 +41,7 @@ class ResponseCommand final : public Command {
   int Run() override {
     std::string error;
     std::unique_ptr<dsp::host::Effect> effect = dsp::host::CreateEffect(text_, &error);
-    if (!effect) throw UsageError(error + " (run 'vexdsp effects' for the list)");
+    if (!effect) throw EffectTextError(error);
     const std::string name = dsp::host::FormatEffect(*effect);
     const std::vector<double> frequencies =
         dsp::host::LogFrequencies(kLowHz, std::min(kHighHz, kMaxFractionOfRate * rate_), kNumFrequencies);
