@@ -252,6 +252,9 @@ TEST_F(AudioFileTest, ContainerFollowsTheDeclaredLength) {
   const std::int64_t aiffLimit = vexdsp::GetMaxFrames(SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 2);
   EXPECT_EQ(choose("a.aif", wav16, aiffLimit), SF_FORMAT_AIFF | SF_FORMAT_PCM_16);
   EXPECT_THROW(choose("a.aif", wav16, aiffLimit + 1), CliError);
+  // More than two channels need the extensible header.
+  EXPECT_EQ(ChooseOutputFormat("a.wav", wav16, SampleFormat::kKeep, 8, 48000, nullptr, 100),
+            SF_FORMAT_WAVEX | SF_FORMAT_PCM_16);
 
   // An RF64 .wav that fits is written as a plain (extensible) RIFF WAV.
   AudioFileWriter* writer = nullptr;

@@ -254,7 +254,9 @@ int ChooseOutputFormat(const std::string& outputPath, int inputFormat, SampleFor
   int major = 0;
   if (extension == ".wav") {
     const bool keep = inputMajor == SF_FORMAT_WAVEX || inputMajor == SF_FORMAT_RF64 || inputMajor == SF_FORMAT_W64;
-    major = keep ? inputMajor : SF_FORMAT_WAV;
+    // Beyond stereo a plain WAV leaves the speaker of each channel to guess:
+    // such files are written as WAVE_FORMAT_EXTENSIBLE, with a channel mask.
+    major = keep ? inputMajor : numChannels > 2 ? SF_FORMAT_WAVEX : SF_FORMAT_WAV;
   } else if (extension == ".w64") {
     major = SF_FORMAT_W64;
   } else if (extension == ".rf64") {
