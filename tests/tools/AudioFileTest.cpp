@@ -543,11 +543,13 @@ TEST_F(AudioFileCliTest, NonFiniteSamplesAreReportedNotHidden) {
   result = Run("'" VEXDSP_BINARY "' info --json nan.wav");
   EXPECT_NE(result.out.find("\"non_finite\":[2,1]"), std::string::npos) << result.out;
 
-  // Effects take non-finite input as silence, so only the clipped sample
-  // is left to report.
+  // Non-finite input is taken as silence (and said so), so only the
+  // clipped sample is left to report from the output.
   result = Run("'" VEXDSP_BINARY "' process nan.wav out.wav gain --format pcm16");
   ASSERT_EQ(result.exitCode, 0) << result.err;
-  EXPECT_EQ(result.err, "vexdsp: warning: 1 clipped samples\n");
+  EXPECT_EQ(result.err,
+            "vexdsp: warning: 3 non-finite input samples (NaN or infinite) were taken as silence\n"
+            "vexdsp: warning: 1 clipped samples\n");
   const std::vector<int> ints = ReadInts("out.wav");
   ASSERT_EQ(ints.size(), audio.size());
   EXPECT_EQ(ints[2 * 10], 0);

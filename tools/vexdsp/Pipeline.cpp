@@ -14,7 +14,13 @@ int FileSource::Read(float* const* planar, int numFrames) {
   try {
     const int got = reader_.Read(planar, numFrames);
     if (silenceNonFinite_) {
-      silenced_ += SilenceNonFinite(planar, reader_.GetNumChannels(), got);
+      const int channels = reader_.GetNumChannels();
+      const auto seen = static_cast<int>(std::clamp<std::int64_t>(countedTo_ - position_, 0, got));
+      SilenceNonFinite(planar, channels, seen);
+      unseen_.resize(static_cast<std::size_t>(channels));
+      for (int ch = 0; ch < channels; ++ch) unseen_[static_cast<std::size_t>(ch)] = planar[ch] + seen;
+      silenced_ += SilenceNonFinite(unseen_.data(), channels, got - seen);
+      countedTo_ = std::max(countedTo_, position_ + got);
     }
     framesRead_ += got;
     position_ += got;

@@ -18,7 +18,8 @@ class FileSource final : public dsp::host::FrameSource {
  public:
   /// With `silenceNonFinite`, NaN and infinite samples are handed on as 0
   /// and counted: what a meter or converter must do so that one bad sample
-  /// does not spoil the whole measurement.
+  /// does not spoil the whole measurement. A frame read again (analyses
+  /// step back over overlapping blocks) is silenced again but counted once.
   explicit FileSource(AudioFileReader& reader, bool silenceNonFinite = false)
       : reader_(reader), silenceNonFinite_(silenceNonFinite) {}
   int Read(float* const* planar, int numFrames) override;
@@ -33,6 +34,9 @@ class FileSource final : public dsp::host::FrameSource {
   AudioFileReader& reader_;
   bool silenceNonFinite_;
   std::int64_t silenced_ = 0;
+  // Frames below this position have been counted.
+  std::int64_t countedTo_ = 0;
+  std::vector<float*> unseen_;
   std::string error_;
   std::int64_t framesRead_ = 0;
   std::int64_t position_ = 0;

@@ -84,13 +84,14 @@ class ProcessCommand final : public Command {
     const int format = ChooseOutputFormat(output_, reader.GetFormat(), requested, channels, rate, &note, expected);
     AudioFileWriter writer(output_, format, channels, rate, reader.GetChannelMap());
     writer.SetQuantizer(MakeDitherQuantizer(dither, expected));
-    FileSource source(reader);
+    FileSource source(reader, true);
     FileSink sink(writer);
     Progress progress("processing", declared, rate);
     const std::int64_t written = dsp::host::RenderProcess(chain->GetChain(), channels, source, sink, tail,
                                                           [&](std::int64_t done) { progress.Update(done); });
     progress.Finish();
     source.Check();
+    source.WarnSilenced();
     sink.Check();
     if (written < 0) {
       throw CliError("processing failed");
