@@ -517,6 +517,22 @@ TEST_F(AudioFileCliTest, ProcessReadsAStreamFromStandardInput) {
   EXPECT_NE(measured.out.find("frames    100000\n"), std::string::npos) << measured.out;
 }
 
+// A WAV cut short is read as far as it goes, and the user is told, once per
+// file; a whole file raises no warning.
+TEST_F(AudioFileCliTest, TruncatedWavIsReadAndReported) {
+  WriteFloat("whole.wav", std::vector<float>(2 * 4800, 0.25f), 2);
+  std::filesystem::copy_file(Path("whole.wav"), Path("cut.wav"));
+  std::filesystem::resize_file(Path("cut.wav"), std::filesystem::file_size(Path("whole.wav")) - 8 * 1000 - 3);
+  RunResult result = Run("'" VEXDSP_BINARY "' info cut.wav");
+  ASSERT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(result.err,
+            "vexdsp: warning: 'cut.wav' ends early: its header declares 4800 frames, the file holds 3799; "
+            "reading those\n");
+  EXPECT_NE(result.out.find("frames    3799\n"), std::string::npos) << result.out;
+  result = Run("'" VEXDSP_BINARY "' info whole.wav");
+  EXPECT_EQ(result.err, "");
+}
+
 TEST_F(AudioFileCliTest, NonFiniteSamplesAreReportedNotHidden) {
   std::vector<float> audio(2 * 4800, 0.25f);
   audio[2 * 10] = kNan;

@@ -200,6 +200,38 @@ std::string TempPattern(const fs::path& folder, const std::string& name, std::si
   return (folder / ("." + name.substr(0, keep) + kSuffix)).string();
 }
 
+// The frames a RIFF WAV's data chunk declares, or -1 when the file is not a
+// plain RIFF WAV of whole-byte samples or declares no usable size (writers
+// that stream leave 0 or 0xFFFFFFFF there). libsndfile quietly reads what is
+// there when the file ends early; this is how the user gets told.
+std::int64_t DeclaredRiffFrames(const std::string& path, int format, int numChannels) {
+  const int major = format & SF_FORMAT_TYPEMASK;
+  const int bytesPerFrame = BytesPerSample(format) * numChannels;
+  if ((major != SF_FORMAT_WAV && major != SF_FORMAT_WAVEX) || bytesPerFrame <= 0) return -1;
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) return -1;
+  const auto le32 = [](const unsigned char* b) {
+    return std::uint32_t(b[0]) | std::uint32_t(b[1]) << 8 | std::uint32_t(b[2]) << 16 | std::uint32_t(b[3]) << 24;
+  };
+  std::int64_t frames = -1;
+  unsigned char header[12];
+  if (std::fread(header, 1, 12, file) == 12 && std::memcmp(header, "RIFF", 4) == 0 &&
+      std::memcmp(header + 8, "WAVE", 4) == 0) {
+    unsigned char chunk[8];
+    // A bounded walk: a corrupt size cannot keep it going.
+    for (int i = 0; i < 64 && std::fread(chunk, 1, 8, file) == 8; ++i) {
+      const std::uint32_t size = le32(chunk + 4);
+      if (std::memcmp(chunk, "data", 4) == 0) {
+        if (size != 0 && size != 0xFFFFFFFFu) frames = size / static_cast<std::uint32_t>(bytesPerFrame);
+        break;
+      }
+      if (fseeko(file, static_cast<off_t>(size) + (size & 1u), SEEK_CUR) != 0) break;
+    }
+  }
+  std::fclose(file);
+  return frames;
+}
+
 std::size_t NameMax(const fs::path& folder) {
   const long limit = pathconf(folder.c_str(), _PC_NAME_MAX);
   return limit > 32 ? static_cast<std::size_t>(limit) : 255;
@@ -357,6 +389,15 @@ AudioFileReader::AudioFileReader(const std::string& path) : path_(path) {
       return;
     }
     file_ = sf_open(path.c_str(), SFM_READ, &info_);
+    if (file_ != nullptr) {
+      const std::int64_t declared = DeclaredRiffFrames(path, info_.format, info_.channels);
+      if (declared > info_.frames) {
+        std::fprintf(stderr,
+                     "vexdsp: warning: '%s' ends early: its header declares %lld frames, the file holds %lld; "
+                     "reading those\n",
+                     path.c_str(), static_cast<long long>(declared), static_cast<long long>(info_.frames));
+      }
+    }
   }
   if (file_ == nullptr) {
     throw CliError("cannot open '" + path_ + "': " + LibraryMessage(nullptr));
