@@ -30,8 +30,10 @@ std::vector<float> Sine(std::size_t n, double f, double amp = 1.0) {
   return x;
 }
 
-std::vector<float> RunOurs(const std::vector<float>& in) {
+std::vector<float> RunOurs(const std::vector<float>& in,
+                           dsp::Resample::InstructionSet set = dsp::Resample::GetBestInstructionSet()) {
   dsp::Resample r;
+  r.SetInstructionSet(set);
   r.Initialize();
   std::vector<float> out(static_cast<std::size_t>(r.GetOutputBufferSize(static_cast<int>(in.size()))) + 8);
   // Process reads its input only; the legacy signature lacks the const.
@@ -137,7 +139,17 @@ void Run(benchmark::State& state, const Converter& convert) {
   state.counters["alias_23k_dB"] = q.alias23k;
 }
 
-void BM_Vexaudiodsp(benchmark::State& state) { Run(state, RunOurs); }
+void BM_Vexaudiodsp(benchmark::State& state) {
+  Run(state, [](const std::vector<float>& x) { return RunOurs(x); });
+}
+// The same with the 256-bit kernels, on a CPU that has both.
+void BM_VexaudiodspAvx2(benchmark::State& state) {
+  if (dsp::Resample::GetBestInstructionSet() != dsp::Resample::InstructionSet::kAvx512) {
+    state.SkipWithError("no AVX-512 on this CPU: BM_Vexaudiodsp already runs AVX2 or portable");
+    return;
+  }
+  Run(state, [](const std::vector<float>& x) { return RunOurs(x, dsp::Resample::InstructionSet::kAvx2); });
+}
 void BM_SoxrHQ(benchmark::State& state) {
   Run(state, [](const std::vector<float>& x) { return RunSoxr(x, SOXR_HQ); });
 }
@@ -147,6 +159,7 @@ void BM_SoxrVHQ(benchmark::State& state) {
 void BM_LibsamplerateBest(benchmark::State& state) { Run(state, RunSrc); }
 
 BENCHMARK(BM_Vexaudiodsp)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_VexaudiodspAvx2)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_SoxrHQ)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_SoxrVHQ)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_LibsamplerateBest)->Unit(benchmark::kMillisecond)->Iterations(1);

@@ -37,6 +37,19 @@ struct ResampleTable;
 /// starting phase, so an input event at time t appears at exactly
 /// t * dst / src + latency output samples.
 ///
+/// Arithmetic. Exact phase layouts whose table has a noise floor of at most
+/// 150 dB (every setting up to the defaults) run in single precision: when
+/// such a table is built, each of its double rows is also rounded once to a
+/// float row (padded with leading zeros to a multiple of 16 taps, 64-byte
+/// aligned), and the outputs sum float products in float. That keeps the
+/// converter's own rounding about 140 dB or more below a full-scale tone,
+/// under what such a design promises. Tables above 150 dB, and every
+/// interpolated layout, run in double precision on the table's double rows
+/// over a double copy of the input, so rounding stays near -300 dB and the
+/// design alone sets the spurs. Both are computed output by output in a
+/// fixed order, so block sizes never change a sample; the instruction set
+/// (see SetInstructionSet) does change the last bits.
+///
 /// Tables are shared: Initialize looks the parameters up in a process-wide
 /// cache of the 64 most recently built tables (one recursive mutex) and
 /// builds one only on a miss. An instance keeps its table alive by a shared
@@ -53,6 +66,14 @@ class VEXAUDIODSP_API Resample {
  public:
   static constexpr int kMaxPhases = 1000;
   static constexpr int kCacheSize = 64;
+  /// Highest noise floor (dB) whose exact layouts run in single precision.
+  static constexpr double kMaxFloatNoiseFloor = 150.0;
+
+  /// Vector instructions of the inner loop. The best one the CPU has is
+  /// chosen at construction; results differ between sets in the last bits
+  /// only.
+  enum class InstructionSet { kPortable, kAvx2, kAvx512 };
+  static InstructionSet GetBestInstructionSet();
 
   Resample();
   ~Resample();
@@ -104,6 +125,14 @@ class VEXAUDIODSP_API Resample {
   /// initialised.
   int Process(float* in, float* out, int frames);
 
+  /// Uses `set` for this instance from the next Process on (configuration;
+  /// no allocation). False, and nothing changes, when the CPU lacks it.
+  bool SetInstructionSet(InstructionSet set);
+  InstructionSet GetInstructionSet() const { return instructionSet_; }
+  /// True when the initialised converter runs in single precision (see
+  /// Arithmetic above).
+  bool UsesFloatArithmetic() const { return floatArithmetic_; }
+
   /// True when both instances use the same table object.
   bool SharesTableWith(const Resample& other) const { return table_ && table_ == other.table_; }
 
@@ -112,10 +141,15 @@ class VEXAUDIODSP_API Resample {
 
   int Process2(float* in, float* out, int frames);
   int ProcessInternal(float* in, float* out, int frames, bool interpolate);
+  int ProcessExactFloat(float* out, int frames);
+  int ProcessExactDouble(float* out, int frames);
+  int ProcessInterpolated(float* out, int frames);
   void BuildTable(int order, double phaseOffset, double cutoff, double* taps) const;
   void PreComputeStuff();
   void ChoosePhaseLayout();
+  static bool DeriveFloatRows(ResampleTable* table);
   void AllocateWork();
+  void ClearWork();
   void FreeWork();
 
   int initialized_ = 0;
@@ -126,9 +160,15 @@ class VEXAUDIODSP_API Resample {
   double phaseStep_ = 160.0;
   int latency_ = 116;
   int paddedOrder_ = 256;
-  // History (paddedOrder_ samples) followed by room for one chunk of input.
+  // History (historyLength_ samples, the row length of the kernel in use)
+  // followed by room for one chunk of input; float or double by the
+  // arithmetic in use, the other one stays null.
   float* work_ = nullptr;
+  double* workDouble_ = nullptr;
   int workSize_ = 0;
+  int historyLength_ = 0;
+  bool floatArithmetic_ = false;
+  InstructionSet instructionSet_ = InstructionSet::kPortable;
   double phaseFraction_ = 0.0;
   double phasePosition_ = 0.0;
   // Phases that Initialize will use (phaseCount_ stays 0 until then) and
