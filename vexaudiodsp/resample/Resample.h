@@ -141,9 +141,9 @@ class VEXAUDIODSP_API Resample {
 
   int Process2(float* in, float* out, int frames);
   int ProcessInternal(float* in, float* out, int frames, bool interpolate);
-  int ProcessExactFloat(float* out, int frames);
-  int ProcessExactDouble(float* out, int frames);
-  int ProcessInterpolated(float* out, int frames);
+  int ProcessExactFloat(const float* work, float* out, int frames);
+  int ProcessExactDouble(const double* work, float* out, int frames);
+  int ProcessInterpolated(const double* work, float* out, int frames);
   void BuildTable(int order, double phaseOffset, double cutoff, double* taps) const;
   void PreComputeStuff();
   void ChoosePhaseLayout();
@@ -160,9 +160,15 @@ class VEXAUDIODSP_API Resample {
   double phaseStep_ = 160.0;
   int latency_ = 116;
   int paddedOrder_ = 256;
-  // History (historyLength_ samples, the row length of the kernel in use)
-  // followed by room for one chunk of input; float or double by the
-  // arithmetic in use, the other one stays null.
+  // kSlack samples, then, streamAlignment_ samples further on, the history
+  // (historyLength_ samples, the row length of the kernel in use) followed
+  // by room for one chunk of input and kSlack more samples; float or double
+  // by the arithmetic in use, the other one stays null. streamAlignment_ is
+  // the count of input samples so far modulo kAlignment, so every input
+  // sample keeps one alignment whatever the block sizes.
+  static constexpr int kSlack = 16;
+  static constexpr int kAlignment = 16;
+  int streamAlignment_ = 0;
   float* work_ = nullptr;
   double* workDouble_ = nullptr;
   int workSize_ = 0;

@@ -175,6 +175,7 @@ Resample& Resample::operator=(const Resample& other) {
     if (work_ != nullptr && other.work_ != nullptr) vu::Copy(n, other.work_, work_);
     if (workDouble_ != nullptr && other.workDouble_ != nullptr) vu::Copy(n, other.workDouble_, workDouble_);
   }
+  streamAlignment_ = other.streamAlignment_;
   return *this;
 }
 
@@ -384,7 +385,7 @@ bool Resample::DeriveFloatRows(ResampleTable* table) {
 
 void Resample::AllocateWork() {
   FreeWork();
-  const int size = historyLength_ + kChunk;
+  const int size = kSlack + kAlignment + historyLength_ + kChunk + kSlack;
   if (floatArithmetic_) {
     work_ = vu::Malloc_Float(static_cast<std::size_t>(size));
   } else {
@@ -395,6 +396,7 @@ void Resample::AllocateWork() {
 }
 
 void Resample::ClearWork() {
+  streamAlignment_ = 0;
   if (work_ != nullptr) vu::Zero(static_cast<std::size_t>(workSize_), work_);
   if (workDouble_ != nullptr) vu::Zero(static_cast<std::size_t>(workSize_), workDouble_);
 }
@@ -429,23 +431,27 @@ int Resample::Process2(float* in, float* out, int frames) {
 
 int Resample::ProcessInternal(float* in, float* out, int frames, bool interpolate) {
   const std::size_t history = static_cast<std::size_t>(historyLength_);
+  const int start = kSlack + streamAlignment_;
+  const int next = kSlack + (streamAlignment_ + frames) % kAlignment;
   int produced;
   if (floatArithmetic_) {
-    vu::Copy(static_cast<std::size_t>(frames), in, work_ + history);
-    produced = ProcessExactFloat(out, frames);
-    vu::Move(history, work_ + frames, work_);
+    vu::Copy(static_cast<std::size_t>(frames), in, work_ + start + history);
+    produced = ProcessExactFloat(work_ + start, out, frames);
+    vu::Move(history, work_ + start + frames, work_ + next);
   } else {
-    vu::Convert(static_cast<std::size_t>(frames), in, workDouble_ + history);
-    produced = interpolate ? ProcessInterpolated(out, frames) : ProcessExactDouble(out, frames);
-    vu::Move(history, workDouble_ + frames, workDouble_);
+    vu::Convert(static_cast<std::size_t>(frames), in, workDouble_ + start + history);
+    produced = interpolate ? ProcessInterpolated(workDouble_ + start, out, frames)
+                           : ProcessExactDouble(workDouble_ + start, out, frames);
+    vu::Move(history, workDouble_ + start + frames, workDouble_ + next);
   }
+  streamAlignment_ = next - kSlack;
   phasePosition_ = static_cast<double>(nextInput_) + phaseFraction_ / phaseCount_;
   return produced;
 }
 
-int Resample::ProcessExactFloat(float* out, int frames) {
+int Resample::ProcessExactFloat(const float* work, float* out, int frames) {
   int phase = static_cast<int>(phaseFraction_);
-  const int produced = ExactBlock(work_, frames, table_->floatCoefficients, historyLength_,
+  const int produced = ExactBlock(work, frames, table_->floatCoefficients, historyLength_,
                                   resamplekernels::Get(instructionSet_).rowsFloat, phaseCount_,
                                   static_cast<int>(phaseStep_), &nextInput_, &phase, out);
   nextInput_ -= frames;
@@ -453,17 +459,17 @@ int Resample::ProcessExactFloat(float* out, int frames) {
   return produced;
 }
 
-int Resample::ProcessExactDouble(float* out, int frames) {
+int Resample::ProcessExactDouble(const double* work, float* out, int frames) {
   int phase = static_cast<int>(phaseFraction_);
-  const int produced = ExactBlock(workDouble_, frames, table_->coefficients, historyLength_,
-                                  resamplekernels::Get(instructionSet_).rowsDouble, phaseCount_,
-                                  static_cast<int>(phaseStep_), &nextInput_, &phase, out);
+  const int produced =
+      ExactBlock(work, frames, table_->coefficients, historyLength_, resamplekernels::Get(instructionSet_).rowsDouble,
+                 phaseCount_, static_cast<int>(phaseStep_), &nextInput_, &phase, out);
   nextInput_ -= frames;
   phaseFraction_ = phase;
   return produced;
 }
 
-int Resample::ProcessInterpolated(float* out, int frames) {
+int Resample::ProcessInterpolated(const double* work, float* out, int frames) {
   const int padded = paddedOrder_;
   const double* const taps = table_->coefficients;
   const resamplekernels::DotDouble dot = resamplekernels::Get(instructionSet_).dot;
@@ -473,7 +479,7 @@ int Resample::ProcessInterpolated(float* out, int frames) {
   long long position = nextInput_;
   int produced = 0;
   while (position < frames) {
-    const double* window = workDouble_ + position + 1;
+    const double* window = work + position + 1;
     const int index = static_cast<int>(phase);
     const double alpha = phase - index;
     const double* row = taps + static_cast<std::size_t>(index) * padded;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <utility>
 
 #if defined(__x86_64__) && defined(__GNUC__)
 #include <immintrin.h>
@@ -102,137 +104,178 @@ void RowsInGroups(const T* row, int rowLength, const T* window, int inStride, in
 // Transposed reductions: n accumulators of n lanes each become one vector
 // of their n sums in log2(n) add steps, instead of a reduction per output.
 // Every lane is summed in the order of SumLanes (widened to 16 for float),
-// and the sum of vector v lands in lane kLane[v].
+// and the sum of vector v lands in lane kLane[v]. Written out index by
+// index (as are the kernels below, with fold expressions) so that the
+// compiler keeps every accumulator in a register.
+
+VEX_AVX2 VEX_INLINE __m256 PairHalves(__m256 a, __m256 b) {
+  return _mm256_add_ps(_mm256_permute2f128_ps(a, b, 0x20), _mm256_permute2f128_ps(a, b, 0x31));
+}
+VEX_AVX2 VEX_INLINE __m256 PairQuads(__m256 a, __m256 b) {
+  const __m256d x = _mm256_castps_pd(a);
+  const __m256d y = _mm256_castps_pd(b);
+  return _mm256_add_ps(_mm256_castpd_ps(_mm256_unpacklo_pd(x, y)), _mm256_castpd_ps(_mm256_unpackhi_pd(x, y)));
+}
+VEX_AVX2 VEX_INLINE __m256 PairPairs(__m256 a, __m256 b) {
+  return _mm256_add_ps(_mm256_shuffle_ps(a, b, 0x88), _mm256_shuffle_ps(a, b, 0xDD));
+}
 
 // AVX2, 8 floats: the sum of vector v lands in lane 4 (v % 2) + v / 2.
-VEX_AVX2 VEX_INLINE __m256 Reduce8(const __m256* a) {
-  __m256 c[4];
-  for (int p = 0; p < 4; ++p) {
-    c[p] = _mm256_add_ps(_mm256_permute2f128_ps(a[2 * p], a[2 * p + 1], 0x20),
-                         _mm256_permute2f128_ps(a[2 * p], a[2 * p + 1], 0x31));
-  }
-  __m256 d[2];
-  for (int q = 0; q < 2; ++q) {
-    const __m256d x = _mm256_castps_pd(c[2 * q]);
-    const __m256d y = _mm256_castps_pd(c[2 * q + 1]);
-    d[q] = _mm256_add_ps(_mm256_castpd_ps(_mm256_unpacklo_pd(x, y)), _mm256_castpd_ps(_mm256_unpackhi_pd(x, y)));
-  }
-  return _mm256_add_ps(_mm256_shuffle_ps(d[0], d[1], 0x88), _mm256_shuffle_ps(d[0], d[1], 0xDD));
+VEX_AVX2 VEX_INLINE __m256 Reduce(const __m256 (&a)[8]) {
+  return PairPairs(PairQuads(PairHalves(a[0], a[1]), PairHalves(a[2], a[3])),
+                   PairQuads(PairHalves(a[4], a[5]), PairHalves(a[6], a[7])));
 }
 constexpr int kLaneAvx2Float[8] = {0, 4, 1, 5, 2, 6, 3, 7};
 
-// AVX2, 4 doubles: the sum of vector v lands in lane 2 (v % 2) + v / 2.
-VEX_AVX2 VEX_INLINE __m256d Reduce4(const __m256d* a) {
-  const __m256d c0 = _mm256_add_pd(_mm256_permute2f128_pd(a[0], a[1], 0x20), _mm256_permute2f128_pd(a[0], a[1], 0x31));
-  const __m256d c1 = _mm256_add_pd(_mm256_permute2f128_pd(a[2], a[3], 0x20), _mm256_permute2f128_pd(a[2], a[3], 0x31));
-  return _mm256_add_pd(_mm256_unpacklo_pd(c0, c1), _mm256_unpackhi_pd(c0, c1));
+VEX_AVX2 VEX_INLINE __m256d PairHalves(__m256d a, __m256d b) {
+  return _mm256_add_pd(_mm256_permute2f128_pd(a, b, 0x20), _mm256_permute2f128_pd(a, b, 0x31));
 }
-constexpr int kLaneAvx2Double[4] = {0, 2, 1, 3};
+VEX_AVX2 VEX_INLINE __m256d PairPairs(__m256d a, __m256d b) {
+  return _mm256_add_pd(_mm256_unpacklo_pd(a, b), _mm256_unpackhi_pd(a, b));
+}
+
+// AVX2, 4 doubles from a[first]: the sum of vector v lands in lane
+// 2 (v % 2) + v / 2.
+template <int first>
+VEX_AVX2 VEX_INLINE __m256d Reduce(const __m256d (&a)[8]) {
+  return PairPairs(PairHalves(a[first], a[first + 1]), PairHalves(a[first + 2], a[first + 3]));
+}
+constexpr int kLaneAvx2Double[8] = {0, 2, 1, 3, 4, 6, 5, 7};
+
+VEX_AVX512 VEX_INLINE __m512 PairHalves(__m512 a, __m512 b) {
+  return _mm512_add_ps(_mm512_shuffle_f32x4(a, b, _MM_SHUFFLE(1, 0, 1, 0)),
+                       _mm512_shuffle_f32x4(a, b, _MM_SHUFFLE(3, 2, 3, 2)));
+}
+VEX_AVX512 VEX_INLINE __m512 PairBlocks(__m512 a, __m512 b) {
+  return _mm512_add_ps(_mm512_shuffle_f32x4(a, b, _MM_SHUFFLE(2, 0, 2, 0)),
+                       _mm512_shuffle_f32x4(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
+}
+VEX_AVX512 VEX_INLINE __m512 PairQuads(__m512 a, __m512 b) {
+  const __m512d x = _mm512_castps_pd(a);
+  const __m512d y = _mm512_castps_pd(b);
+  return _mm512_add_ps(_mm512_castpd_ps(_mm512_unpacklo_pd(x, y)), _mm512_castpd_ps(_mm512_unpackhi_pd(x, y)));
+}
+VEX_AVX512 VEX_INLINE __m512 PairPairs(__m512 a, __m512 b) {
+  return _mm512_add_ps(_mm512_shuffle_ps(a, b, 0x88), _mm512_shuffle_ps(a, b, 0xDD));
+}
 
 // AVX-512, 16 floats: the sum of vector v lands in lane 4 (v % 4) + v / 4.
-VEX_AVX512 VEX_INLINE __m512 Reduce16(const __m512* a) {
-  __m512 c[8];
-  for (int p = 0; p < 8; ++p) {
-    c[p] = _mm512_add_ps(_mm512_shuffle_f32x4(a[2 * p], a[2 * p + 1], _MM_SHUFFLE(1, 0, 1, 0)),
-                         _mm512_shuffle_f32x4(a[2 * p], a[2 * p + 1], _MM_SHUFFLE(3, 2, 3, 2)));
-  }
-  __m512 d[4];
-  for (int q = 0; q < 4; ++q) {
-    d[q] = _mm512_add_ps(_mm512_shuffle_f32x4(c[2 * q], c[2 * q + 1], _MM_SHUFFLE(2, 0, 2, 0)),
-                         _mm512_shuffle_f32x4(c[2 * q], c[2 * q + 1], _MM_SHUFFLE(3, 1, 3, 1)));
-  }
-  __m512 e[2];
-  for (int r = 0; r < 2; ++r) {
-    const __m512d x = _mm512_castps_pd(d[2 * r]);
-    const __m512d y = _mm512_castps_pd(d[2 * r + 1]);
-    e[r] = _mm512_add_ps(_mm512_castpd_ps(_mm512_unpacklo_pd(x, y)), _mm512_castpd_ps(_mm512_unpackhi_pd(x, y)));
-  }
-  return _mm512_add_ps(_mm512_shuffle_ps(e[0], e[1], 0x88), _mm512_shuffle_ps(e[0], e[1], 0xDD));
+VEX_AVX512 VEX_INLINE __m512 Reduce(const __m512 (&a)[16]) {
+  const __m512 d0 = PairBlocks(PairHalves(a[0], a[1]), PairHalves(a[2], a[3]));
+  const __m512 d1 = PairBlocks(PairHalves(a[4], a[5]), PairHalves(a[6], a[7]));
+  const __m512 d2 = PairBlocks(PairHalves(a[8], a[9]), PairHalves(a[10], a[11]));
+  const __m512 d3 = PairBlocks(PairHalves(a[12], a[13]), PairHalves(a[14], a[15]));
+  return PairPairs(PairQuads(d0, d1), PairQuads(d2, d3));
 }
 constexpr int kLaneAvx512Float[16] = {0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15};
 
-// AVX-512, 8 doubles: the sum of vector v lands in lane 2 (v % 4) + v / 4.
-VEX_AVX512 VEX_INLINE __m512d Reduce8(const __m512d* a) {
-  __m512d c[4];
-  for (int p = 0; p < 4; ++p) {
-    c[p] = _mm512_add_pd(_mm512_shuffle_f64x2(a[2 * p], a[2 * p + 1], _MM_SHUFFLE(1, 0, 1, 0)),
-                         _mm512_shuffle_f64x2(a[2 * p], a[2 * p + 1], _MM_SHUFFLE(3, 2, 3, 2)));
-  }
-  __m512d d[2];
-  for (int q = 0; q < 2; ++q) {
-    d[q] = _mm512_add_pd(_mm512_shuffle_f64x2(c[2 * q], c[2 * q + 1], _MM_SHUFFLE(2, 0, 2, 0)),
-                         _mm512_shuffle_f64x2(c[2 * q], c[2 * q + 1], _MM_SHUFFLE(3, 1, 3, 1)));
-  }
-  return _mm512_add_pd(_mm512_unpacklo_pd(d[0], d[1]), _mm512_unpackhi_pd(d[0], d[1]));
+VEX_AVX512 VEX_INLINE __m512d PairHalves(__m512d a, __m512d b) {
+  return _mm512_add_pd(_mm512_shuffle_f64x2(a, b, _MM_SHUFFLE(1, 0, 1, 0)),
+                       _mm512_shuffle_f64x2(a, b, _MM_SHUFFLE(3, 2, 3, 2)));
 }
-constexpr int kLaneAvx512Double[8] = {0, 2, 4, 6, 1, 3, 5, 7};
+VEX_AVX512 VEX_INLINE __m512d PairBlocks(__m512d a, __m512d b) {
+  return _mm512_add_pd(_mm512_shuffle_f64x2(a, b, _MM_SHUFFLE(2, 0, 2, 0)),
+                       _mm512_shuffle_f64x2(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
+}
+VEX_AVX512 VEX_INLINE __m512d PairPairs(__m512d a, __m512d b) {
+  return _mm512_add_pd(_mm512_unpacklo_pd(a, b), _mm512_unpackhi_pd(a, b));
+}
 
-// The G windows of a group, `stride` samples apart, addressed as one of
-// four base pointers plus one of four offsets. The empty asm hides the
-// offsets' values from the optimiser, which would otherwise turn every
-// window into a pointer of its own and run out of registers.
-template <int G, typename T>
+// AVX-512, 8 doubles from a[first]: the sum of vector v lands in lane
+// 2 (v % 4) + v / 4.
+template <int first>
+VEX_AVX512 VEX_INLINE __m512d Reduce(const __m512d (&a)[16]) {
+  return PairPairs(PairBlocks(PairHalves(a[first], a[first + 1]), PairHalves(a[first + 2], a[first + 3])),
+                   PairBlocks(PairHalves(a[first + 4], a[first + 5]), PairHalves(a[first + 6], a[first + 7])));
+}
+constexpr int kLaneAvx512Double[16] = {0, 2, 4, 6, 1, 3, 5, 7, 8, 10, 12, 14, 9, 11, 13, 15};
+
+// The windows of a group, `stride` samples apart, addressed as one of four
+// base pointers plus one of four offsets. The empty asm hides the offsets'
+// values from the optimiser, which would otherwise turn every window into a
+// pointer of its own and run out of registers.
+template <typename T>
 struct Windows {
   const char* base[4];
   std::ptrdiff_t offset[4];
-  Windows(const T* window, int stride) {
+  VEX_INLINE Windows(const T* window, int stride) {
     const std::ptrdiff_t s = static_cast<std::ptrdiff_t>(stride) * static_cast<std::ptrdiff_t>(sizeof(T));
-    for (int q = 0; q < 4; ++q) base[q] = reinterpret_cast<const char*>(window) + 4 * q * s;
-    for (int m = 0; m < 4; ++m) offset[m] = m * s;
+    base[0] = reinterpret_cast<const char*>(window);
+    base[1] = base[0] + 4 * s;
+    base[2] = base[0] + 8 * s;
+    base[3] = base[0] + 12 * s;
+    offset[0] = 0;
+    offset[1] = s;
+    offset[2] = 2 * s;
+    offset[3] = 3 * s;
   }
-  VEX_INLINE void Hide() {
-    if (G > 1) asm("" : "+r"(offset[1]));
-    if (G > 2) asm("" : "+r"(offset[2]), "+r"(offset[3]));
+  VEX_INLINE void Hide() { asm("" : "+r"(offset[1]), "+r"(offset[2]), "+r"(offset[3])); }
+  template <std::size_t g>
+  VEX_INLINE const T* At() const {
+    return reinterpret_cast<const T*>(base[g / 4] + offset[g % 4]);
   }
-  VEX_INLINE const T* At(int g) const { return reinterpret_cast<const T*>(base[g / 4] + offset[g % 4]); }
-  VEX_INLINE void Advance(std::ptrdiff_t bytes) {
-    for (int q = 0; q < (G + 3) / 4; ++q) base[q] += bytes;
+  VEX_INLINE void Advance(std::ptrdiff_t samples) {
+    for (int q = 0; q < 4; ++q) base[q] += samples * static_cast<std::ptrdiff_t>(sizeof(T));
   }
 };
 
-// One group of G outputs of one row: the row is loaded once per step and
-// feeds G independent FMA chains, enough to hide the FMA latency, so the
-// loop runs at about one window load per FMA. Unused accumulators stay
-// zero; the reduction never mixes vectors, so they cost no accuracy. The G
-// sums are written in output order.
+// One group of G outputs of one row (G = the length of the index
+// sequence): the row is loaded once per step and feeds G independent FMA
+// chains, enough to hide the FMA latency, so the loop runs at about one
+// window load per FMA. Unused accumulators stay zero; the reductions never
+// mix vectors, so they cost no accuracy. The G sums are written in output
+// order.
+//
+// AVX-512 also has an aligned form for windows a multiple of a vector
+// apart, which then share their alignment: they are read from the 64-byte
+// boundary at or before their start, so no load splits across cache lines,
+// against the row shifted by the same o samples and one vector longer, its
+// cut ends masked off. Whether a window is read this way depends only on the
+// stride, and o only on the window's address, so an output's sum never
+// depends on the group it ran in.
 struct Avx2 {
   static constexpr int kGroup = 8;
 
   template <int G>
   VEX_AVX2 static void Group(const float* row, int rowLength, const float* window, int stride, float* sums) {
-    __m256 acc[8];
-#pragma GCC unroll 8
-    for (int g = 0; g < 8; ++g) acc[g] = _mm256_setzero_ps();
-    Windows<G, float> w(window, stride);
+    Run(std::make_index_sequence<G>(), row, rowLength, window, stride, sums);
+  }
+  template <int G>
+  VEX_AVX2 static void Group(const double* row, int rowLength, const double* window, int stride, double* sums) {
+    Run(std::make_index_sequence<G>(), row, rowLength, window, stride, sums);
+  }
+
+  template <std::size_t... g>
+  VEX_AVX2 static VEX_INLINE void Run(std::index_sequence<g...>, const float* row, int rowLength, const float* window,
+                                      int stride, float* sums) {
+    __m256 acc[8] = {};
+    Windows<float> w(window, stride);
     for (int i = 0; i < rowLength; i += 8) {
       w.Hide();
       const __m256 h = _mm256_load_ps(row + i);
-#pragma GCC unroll 8
-      for (int g = 0; g < G; ++g) acc[g] = _mm256_fmadd_ps(h, _mm256_loadu_ps(w.At(g)), acc[g]);
-      w.Advance(8 * sizeof(float));
+      ((acc[g] = _mm256_fmadd_ps(h, _mm256_loadu_ps(w.At<g>()), acc[g])), ...);
+      w.Advance(8);
     }
     alignas(32) float lanes[8];
-    _mm256_store_ps(lanes, Reduce8(acc));
-    for (int g = 0; g < G; ++g) sums[g] = lanes[kLaneAvx2Float[g]];
+    _mm256_store_ps(lanes, Reduce(acc));
+    ((sums[g] = lanes[kLaneAvx2Float[g]]), ...);
   }
 
-  template <int G>
-  VEX_AVX2 static void Group(const double* row, int rowLength, const double* window, int stride, double* sums) {
-    __m256d acc[8];
-#pragma GCC unroll 8
-    for (int g = 0; g < 8; ++g) acc[g] = _mm256_setzero_pd();
-    Windows<G, double> w(window, stride);
+  template <std::size_t... g>
+  VEX_AVX2 static VEX_INLINE void Run(std::index_sequence<g...>, const double* row, int rowLength, const double* window,
+                                      int stride, double* sums) {
+    __m256d acc[8] = {};
+    Windows<double> w(window, stride);
     for (int i = 0; i < rowLength; i += 4) {
       w.Hide();
       const __m256d h = _mm256_load_pd(row + i);
-#pragma GCC unroll 8
-      for (int g = 0; g < G; ++g) acc[g] = _mm256_fmadd_pd(h, _mm256_loadu_pd(w.At(g)), acc[g]);
-      w.Advance(4 * sizeof(double));
+      ((acc[g] = _mm256_fmadd_pd(h, _mm256_loadu_pd(w.At<g>()), acc[g])), ...);
+      w.Advance(4);
     }
     alignas(32) double lanes[8];
-    _mm256_store_pd(lanes, Reduce4(acc));
-    _mm256_store_pd(lanes + 4, Reduce4(acc + 4));
-    for (int g = 0; g < G; ++g) sums[g] = lanes[g / 4 * 4 + kLaneAvx2Double[g % 4]];
+    _mm256_store_pd(lanes, Reduce<0>(acc));
+    if (sizeof...(g) > 4) _mm256_store_pd(lanes + 4, Reduce<4>(acc));
+    ((sums[g] = lanes[kLaneAvx2Double[g]]), ...);
   }
 };
 
@@ -241,39 +284,86 @@ struct Avx512 {
 
   template <int G>
   VEX_AVX512 static void Group(const float* row, int rowLength, const float* window, int stride, float* sums) {
-    __m512 acc[16];
-#pragma GCC unroll 16
-    for (int g = 0; g < 16; ++g) acc[g] = _mm512_setzero_ps();
-    Windows<G, float> w(window, stride);
-    for (int i = 0; i < rowLength; i += 16) {
-      w.Hide();
-      const __m512 h = _mm512_load_ps(row + i);
-#pragma GCC unroll 16
-      for (int g = 0; g < G; ++g) acc[g] = _mm512_fmadd_ps(h, _mm512_loadu_ps(w.At(g)), acc[g]);
-      w.Advance(16 * sizeof(float));
-    }
-    alignas(64) float lanes[16];
-    _mm512_store_ps(lanes, Reduce16(acc));
-    for (int g = 0; g < G; ++g) sums[g] = lanes[kLaneAvx512Float[g]];
+    Run(std::make_index_sequence<G>(), row, rowLength, window, stride, sums);
   }
-
   template <int G>
   VEX_AVX512 static void Group(const double* row, int rowLength, const double* window, int stride, double* sums) {
-    __m512d acc[16];
-#pragma GCC unroll 16
-    for (int g = 0; g < 16; ++g) acc[g] = _mm512_setzero_pd();
-    Windows<G, double> w(window, stride);
-    for (int i = 0; i < rowLength; i += 8) {
-      w.Hide();
-      const __m512d h = _mm512_load_pd(row + i);
-#pragma GCC unroll 16
-      for (int g = 0; g < G; ++g) acc[g] = _mm512_fmadd_pd(h, _mm512_loadu_pd(w.At(g)), acc[g]);
-      w.Advance(8 * sizeof(double));
+    Run(std::make_index_sequence<G>(), row, rowLength, window, stride, sums);
+  }
+
+  template <std::size_t... g>
+  VEX_AVX512 static VEX_INLINE void Run(std::index_sequence<g...>, const float* row, int rowLength, const float* window,
+                                        int stride, float* sums) {
+    __m512 acc[16] = {};
+    if (stride % 16 == 0) {
+      const int o = static_cast<int>(reinterpret_cast<std::uintptr_t>(window) / sizeof(float) % 16);
+      Windows<float> w(window - o, stride);
+      const int vectors = rowLength / 16;
+      const __mmask16 head = static_cast<__mmask16>(0xFFFFu << o);
+      __m512 h = _mm512_maskz_loadu_ps(head, row - o);
+      ((acc[g] = _mm512_maskz_mul_ps(head, h, _mm512_load_ps(w.At<g>()))), ...);
+      w.Advance(16);
+      for (int i = 1; i < vectors; ++i) {
+        w.Hide();
+        h = _mm512_loadu_ps(row + 16 * i - o);
+        ((acc[g] = _mm512_fmadd_ps(h, _mm512_load_ps(w.At<g>()), acc[g])), ...);
+        w.Advance(16);
+      }
+      if (o != 0) {
+        const __mmask16 tail = static_cast<__mmask16>(~head);
+        h = _mm512_maskz_loadu_ps(tail, row + 16 * vectors - o);
+        ((acc[g] = _mm512_mask3_fmadd_ps(h, _mm512_load_ps(w.At<g>()), acc[g], tail)), ...);
+      }
+    } else {
+      Windows<float> w(window, stride);
+      for (int i = 0; i < rowLength; i += 16) {
+        w.Hide();
+        const __m512 h = _mm512_load_ps(row + i);
+        ((acc[g] = _mm512_fmadd_ps(h, _mm512_loadu_ps(w.At<g>()), acc[g])), ...);
+        w.Advance(16);
+      }
+    }
+    alignas(64) float lanes[16];
+    _mm512_store_ps(lanes, Reduce(acc));
+    ((sums[g] = lanes[kLaneAvx512Float[g]]), ...);
+  }
+
+  template <std::size_t... g>
+  VEX_AVX512 static VEX_INLINE void Run(std::index_sequence<g...>, const double* row, int rowLength,
+                                        const double* window, int stride, double* sums) {
+    __m512d acc[16] = {};
+    if (stride % 8 == 0) {
+      const int o = static_cast<int>(reinterpret_cast<std::uintptr_t>(window) / sizeof(double) % 8);
+      Windows<double> w(window - o, stride);
+      const int vectors = rowLength / 8;
+      const __mmask8 head = static_cast<__mmask8>(0xFFu << o);
+      __m512d h = _mm512_maskz_loadu_pd(head, row - o);
+      ((acc[g] = _mm512_maskz_mul_pd(head, h, _mm512_load_pd(w.At<g>()))), ...);
+      w.Advance(8);
+      for (int i = 1; i < vectors; ++i) {
+        w.Hide();
+        h = _mm512_loadu_pd(row + 8 * i - o);
+        ((acc[g] = _mm512_fmadd_pd(h, _mm512_load_pd(w.At<g>()), acc[g])), ...);
+        w.Advance(8);
+      }
+      if (o != 0) {
+        const __mmask8 tail = static_cast<__mmask8>(~head);
+        h = _mm512_maskz_loadu_pd(tail, row + 8 * vectors - o);
+        ((acc[g] = _mm512_mask3_fmadd_pd(h, _mm512_load_pd(w.At<g>()), acc[g], tail)), ...);
+      }
+    } else {
+      Windows<double> w(window, stride);
+      for (int i = 0; i < rowLength; i += 8) {
+        w.Hide();
+        const __m512d h = _mm512_load_pd(row + i);
+        ((acc[g] = _mm512_fmadd_pd(h, _mm512_loadu_pd(w.At<g>()), acc[g])), ...);
+        w.Advance(8);
+      }
     }
     alignas(64) double lanes[16];
-    _mm512_store_pd(lanes, Reduce8(acc));
-    if (G > 8) _mm512_store_pd(lanes + 8, Reduce8(acc + 8));
-    for (int g = 0; g < G; ++g) sums[g] = lanes[g / 8 * 8 + kLaneAvx512Double[g % 8]];
+    _mm512_store_pd(lanes, Reduce<0>(acc));
+    if (sizeof...(g) > 8) _mm512_store_pd(lanes + 8, Reduce<8>(acc));
+    ((sums[g] = lanes[kLaneAvx512Double[g]]), ...);
   }
 };
 
