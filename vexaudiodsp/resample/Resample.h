@@ -129,6 +129,11 @@ class VEXAUDIODSP_API Resample {
   /// no allocation). False, and nothing changes, when the CPU lacks it.
   bool SetInstructionSet(InstructionSet set);
   InstructionSet GetInstructionSet() const { return instructionSet_; }
+  /// Runs in double precision whatever the noise floor (see Arithmetic
+  /// above). Ignored while initialised.
+  void SetAlwaysDouble(bool alwaysDouble) {
+    if (!initialized_) alwaysDouble_ = alwaysDouble;
+  }
   /// True when the initialised converter runs in single precision (see
   /// Arithmetic above).
   bool UsesFloatArithmetic() const { return floatArithmetic_; }
@@ -174,6 +179,7 @@ class VEXAUDIODSP_API Resample {
   int workSize_ = 0;
   int historyLength_ = 0;
   bool floatArithmetic_ = false;
+  bool alwaysDouble_ = false;
   InstructionSet instructionSet_ = InstructionSet::kPortable;
   double phaseFraction_ = 0.0;
   double phasePosition_ = 0.0;

@@ -168,6 +168,7 @@ Resample& Resample::operator=(const Resample& other) {
   table_ = other.table_;
   historyLength_ = other.historyLength_;
   floatArithmetic_ = other.floatArithmetic_;
+  alwaysDouble_ = other.alwaysDouble_;
   instructionSet_ = other.instructionSet_;
   if (other.workSize_ > 0) {
     AllocateWork();
@@ -344,7 +345,7 @@ bool Resample::Initialize() {
     }
   }
 
-  floatArithmetic_ = exactPhases_ && table_->floatCoefficients != nullptr;
+  floatArithmetic_ = exactPhases_ && !alwaysDouble_ && table_->floatCoefficients != nullptr;
   historyLength_ = floatArithmetic_ ? table_->floatRowLength : paddedOrder_;
   AllocateWork();
   if (workSize_ == 0) {
