@@ -165,15 +165,11 @@ class VEXAUDIODSP_API Resample {
   double phaseStep_ = 160.0;
   int latency_ = 116;
   int paddedOrder_ = 256;
-  // kSlack samples, then, streamAlignment_ samples further on, the history
-  // (historyLength_ samples, the row length of the kernel in use) followed
-  // by room for one chunk of input and kSlack more samples; float or double
-  // by the arithmetic in use, the other one stays null. streamAlignment_ is
-  // the count of input samples so far modulo kAlignment, so every input
-  // sample keeps one alignment whatever the block sizes.
+  // kSlack samples, the history (historyLength_ samples, the row length of
+  // the kernel in use), room for one chunk of input and kSlack more samples
+  // (the kernels read up to a vector beyond a window's ends); float or
+  // double by the arithmetic in use, the other one stays null.
   static constexpr int kSlack = 16;
-  static constexpr int kAlignment = 16;
-  int streamAlignment_ = 0;
   float* work_ = nullptr;
   double* workDouble_ = nullptr;
   int workSize_ = 0;

@@ -176,7 +176,6 @@ Resample& Resample::operator=(const Resample& other) {
     if (work_ != nullptr && other.work_ != nullptr) vu::Copy(n, other.work_, work_);
     if (workDouble_ != nullptr && other.workDouble_ != nullptr) vu::Copy(n, other.workDouble_, workDouble_);
   }
-  streamAlignment_ = other.streamAlignment_;
   return *this;
 }
 
@@ -386,7 +385,7 @@ bool Resample::DeriveFloatRows(ResampleTable* table) {
 
 void Resample::AllocateWork() {
   FreeWork();
-  const int size = kSlack + kAlignment + historyLength_ + kChunk + kSlack;
+  const int size = kSlack + historyLength_ + kChunk + kSlack;
   if (floatArithmetic_) {
     work_ = vu::Malloc_Float(static_cast<std::size_t>(size));
   } else {
@@ -397,7 +396,6 @@ void Resample::AllocateWork() {
 }
 
 void Resample::ClearWork() {
-  streamAlignment_ = 0;
   if (work_ != nullptr) vu::Zero(static_cast<std::size_t>(workSize_), work_);
   if (workDouble_ != nullptr) vu::Zero(static_cast<std::size_t>(workSize_), workDouble_);
 }
@@ -432,20 +430,18 @@ int Resample::Process2(float* in, float* out, int frames) {
 
 int Resample::ProcessInternal(float* in, float* out, int frames, bool interpolate) {
   const std::size_t history = static_cast<std::size_t>(historyLength_);
-  const int start = kSlack + streamAlignment_;
-  const int next = kSlack + (streamAlignment_ + frames) % kAlignment;
   int produced;
   if (floatArithmetic_) {
-    vu::Copy(static_cast<std::size_t>(frames), in, work_ + start + history);
-    produced = ProcessExactFloat(work_ + start, out, frames);
-    vu::Move(history, work_ + start + frames, work_ + next);
+    float* const work = work_ + kSlack;
+    vu::Copy(static_cast<std::size_t>(frames), in, work + history);
+    produced = ProcessExactFloat(work, out, frames);
+    vu::Move(history, work + frames, work);
   } else {
-    vu::Convert(static_cast<std::size_t>(frames), in, workDouble_ + start + history);
-    produced = interpolate ? ProcessInterpolated(workDouble_ + start, out, frames)
-                           : ProcessExactDouble(workDouble_ + start, out, frames);
-    vu::Move(history, workDouble_ + start + frames, workDouble_ + next);
+    double* const work = workDouble_ + kSlack;
+    vu::Convert(static_cast<std::size_t>(frames), in, work + history);
+    produced = interpolate ? ProcessInterpolated(work, out, frames) : ProcessExactDouble(work, out, frames);
+    vu::Move(history, work + frames, work);
   }
-  streamAlignment_ = next - kSlack;
   phasePosition_ = static_cast<double>(nextInput_) + phaseFraction_ / phaseCount_;
   return produced;
 }

@@ -230,9 +230,11 @@ struct Windows {
 // apart, which then share their alignment: they are read from the 64-byte
 // boundary at or before their start, so no load splits across cache lines,
 // against the row shifted by the same o samples and one vector longer, its
-// cut ends masked off. Whether a window is read this way depends only on the
-// stride, and o only on the window's address, so an output's sum never
-// depends on the group it ran in.
+// cut ends masked off. Either way lane l sums the taps of one residue class
+// modulo the vector width in the same order; the aligned form only rotates
+// the classes among the lanes, and the reduction pairs classes by residue
+// (mod 2, 4, 8), so rotation changes no bit: an output's sum never depends
+// on its alignment or on the group it ran in.
 struct Avx2 {
   static constexpr int kGroup = 8;
 

@@ -9,11 +9,10 @@ namespace resamplekernels {
 // is the sum over the row of row[i] * window[j * inStride + i], written to
 // out[j * outStride]. `rowLength` is a multiple of 16 for float rows and of
 // 8 for double rows; the row is 64-byte aligned, the windows need not be.
-// The sum of one output never depends on `count` or on the other outputs,
-// only on its window's address modulo 64 bytes, so a caller that keeps each
-// input sample at one alignment gets identical samples for any split of a
-// stream into blocks. Up to 15 samples before and after each window are
-// read and ignored: they must be readable.
+// The sum of one output never depends on `count`, on the other outputs or
+// on the window's alignment, so any split of a stream into blocks gives
+// identical samples. Up to a vector of samples before and after each window
+// may be read and ignored: they must be readable.
 using RowsFloat = void (*)(const float* row, int rowLength, const float* window, int inStride, int count, float* out,
                            int outStride);
 using RowsDouble = void (*)(const double* row, int rowLength, const double* window, int inStride, int count, float* out,
