@@ -37,6 +37,22 @@ struct ResampleTable;
 /// starting phase, so an input event at time t appears at exactly
 /// t * dst / src + latency output samples.
 ///
+/// Arithmetic. Exact phase layouts whose table has a noise floor of at most
+/// kMaxFloatNoiseFloor (150 dB, so every setting up to the defaults) run in
+/// single precision: when such a table is built, each of its double rows is
+/// also rounded once to a float row (padded with leading zeros to a
+/// multiple of 16 taps, 64-byte aligned) kept beside the doubles in the
+/// cache entry, and each output sums float products in float. At the
+/// defaults that puts the worst spur of a full-scale tone at about -154 dBc
+/// and a 23 kHz tone at -154 dB after 48 -> 44.1 kHz (double arithmetic:
+/// -159 dBc, the floor of the float input itself). Tables above 150 dB,
+/// interpolated layouts and SetAlwaysDouble run in double precision on the
+/// table's double rows over a double copy of the input, so the design alone
+/// sets the spurs. Either way all outputs of a block that use one row are
+/// computed together (the row is read once per block), each output sums in
+/// a fixed order, and block sizes never change a sample; the instruction
+/// set (SetInstructionSet) changes only the last bits.
+///
 /// Tables are shared: Initialize looks the parameters up in a process-wide
 /// cache of the 64 most recently built tables (one recursive mutex) and
 /// builds one only on a miss. An instance keeps its table alive by a shared
@@ -53,6 +69,14 @@ class VEXAUDIODSP_API Resample {
  public:
   static constexpr int kMaxPhases = 1000;
   static constexpr int kCacheSize = 64;
+  /// Highest noise floor (dB) whose exact layouts run in single precision.
+  static constexpr double kMaxFloatNoiseFloor = 150.0;
+
+  /// Vector instructions of the inner loop. The best one the CPU has is
+  /// chosen at construction; results differ between sets in the last bits
+  /// only.
+  enum class InstructionSet { kPortable, kAvx2, kAvx512 };
+  static InstructionSet GetBestInstructionSet();
 
   Resample();
   ~Resample();
@@ -104,6 +128,19 @@ class VEXAUDIODSP_API Resample {
   /// initialised.
   int Process(float* in, float* out, int frames);
 
+  /// Uses `set` for this instance from the next Process on (configuration;
+  /// no allocation). False, and nothing changes, when the CPU lacks it.
+  bool SetInstructionSet(InstructionSet set);
+  InstructionSet GetInstructionSet() const { return instructionSet_; }
+  /// Runs in double precision whatever the noise floor (see Arithmetic
+  /// above). Ignored while initialised.
+  void SetAlwaysDouble(bool alwaysDouble) {
+    if (!initialized_) alwaysDouble_ = alwaysDouble;
+  }
+  /// True when the initialised converter runs in single precision (see
+  /// Arithmetic above).
+  bool UsesFloatArithmetic() const { return floatArithmetic_; }
+
   /// True when both instances use the same table object.
   bool SharesTableWith(const Resample& other) const { return table_ && table_ == other.table_; }
 
@@ -112,10 +149,15 @@ class VEXAUDIODSP_API Resample {
 
   int Process2(float* in, float* out, int frames);
   int ProcessInternal(float* in, float* out, int frames, bool interpolate);
+  int ProcessExactFloat(const float* work, float* out, int frames);
+  int ProcessExactDouble(const double* work, float* out, int frames);
+  int ProcessInterpolated(const double* work, float* out, int frames);
   void BuildTable(int order, double phaseOffset, double cutoff, double* taps) const;
   void PreComputeStuff();
   void ChoosePhaseLayout();
+  static bool DeriveFloatRows(ResampleTable* table);
   void AllocateWork();
+  void ClearWork();
   void FreeWork();
 
   int initialized_ = 0;
@@ -126,9 +168,18 @@ class VEXAUDIODSP_API Resample {
   double phaseStep_ = 160.0;
   int latency_ = 116;
   int paddedOrder_ = 256;
-  // History (paddedOrder_ samples) followed by room for one chunk of input.
+  // kSlack samples, the history (historyLength_ samples, the row length of
+  // the kernel in use), room for one chunk of input and kSlack more samples
+  // (the kernels read up to a vector beyond a window's ends); float or
+  // double by the arithmetic in use, the other one stays null.
+  static constexpr int kSlack = 16;
   float* work_ = nullptr;
+  double* workDouble_ = nullptr;
   int workSize_ = 0;
+  int historyLength_ = 0;
+  bool floatArithmetic_ = false;
+  bool alwaysDouble_ = false;
+  InstructionSet instructionSet_ = InstructionSet::kPortable;
   double phaseFraction_ = 0.0;
   double phasePosition_ = 0.0;
   // Phases that Initialize will use (phaseCount_ stays 0 until then) and

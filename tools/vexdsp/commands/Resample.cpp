@@ -30,7 +30,8 @@ class ResampleCommand final : public Command {
         ->required();
     app.add_option("--rate", rate_, "Target sample rate in Hz")->required();
     app.add_option("--quality", quality_,
-                   "low (63 taps), medium (127), high (255 taps, spurs below -120 dBc; the default) or best (511)");
+                   "low (63 taps), medium (127), high (255 taps, spurs below -120 dBc; the default) or best (511 taps, "
+                   "170 dB, computed in double precision)");
     app.add_option("--format", format_, "Output sample format; 'keep' (the default) keeps the input's")
         ->check(CLI::IsMember({"keep", "float", "pcm16", "pcm24"}));
     AddIntegerOutputOptions(app, &bits_, &dither_);

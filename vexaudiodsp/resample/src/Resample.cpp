@@ -5,14 +5,10 @@
 #include <deque>
 #include <numeric>
 
+#include "ResampleKernels.h"
 #include "vexaccelerate/Denormals.h"
 #include "vexaccelerate/Utility.h"
 #include "vexcore/RecursiveMutex.h"
-
-#if defined(__x86_64__) || defined(__i386__)
-#include <immintrin.h>
-#define VEX_RESAMPLE_X86 1
-#endif
 
 namespace dsp {
 
@@ -32,11 +28,20 @@ struct ResampleTable {
   double nyquistShift = 0.0;
   double noiseFloor = 0.0;
   double* coefficients = nullptr;
+  // Derived once from `coefficients` for the single-precision kernels
+  // (null above Resample::kMaxFloatNoiseFloor): the same rows rounded to
+  // float, each padded with leading zeros to floatRowLength, a multiple of
+  // 16 taps, so every row starts on a 64-byte boundary.
+  float* floatCoefficients = nullptr;
+  int floatRowLength = 0;
 
   ResampleTable() = default;
   ResampleTable(const ResampleTable&) = delete;
   ResampleTable& operator=(const ResampleTable&) = delete;
-  ~ResampleTable() { vu::Free(coefficients); }
+  ~ResampleTable() {
+    vu::Free(coefficients);
+    vu::Free(floatCoefficients);
+  }
 
   bool Matches(const ResampleTable& key) const {
     return sourceRate == key.sourceRate && destRate == key.destRate && phaseCount == key.phaseCount &&
@@ -89,85 +94,54 @@ double BesselI0Series(double z) {
   return sum;
 }
 
-// Dot products of one float window and one double phase row, `n` a
-// multiple of 8. Double taps and sums keep the converter's own rounding
-// below -160 dB, so its spurs are those of the filter design; float taps
-// (tried first) left periodic coefficient rounding at -150 dBc, short of
-// the better peers. Samples are widened on load, which costs less than the
-// extra tap bandwidth.
-double DotPortable(const float* a, const double* b, int n) {
-  double acc[8] = {};
-  for (int i = 0; i < n; i += 8) {
-    for (int j = 0; j < 8; ++j) acc[j] += static_cast<double>(a[i + j]) * b[i + j];
+// Floor of t / d for d > 0.
+long long FloorDiv(long long t, long long d) { return t >= 0 ? t / d : -((-t + d - 1) / d); }
+
+// The outputs of one block for an exact phase layout, taken phase by phase:
+// the outputs that share a row (every `phases`-th one, `step` input samples
+// apart) are computed together, so each row is read once per block rather
+// than once per output and stays in the nearest cache while it is used.
+// `position` and `phase` locate the next output's newest input sample
+// relative to this block; both are advanced past the block's outputs.
+template <typename T, typename Rows>
+int ExactBlock(const T* work, int frames, const T* rows, int rowLength, Rows kernel, int phases, int step,
+               long long* position, int* phase, float* out) {
+  const long long start = *position * phases + *phase;  // in 1 / phases of an input sample
+  const long long end = static_cast<long long>(frames) * phases;
+  const int count = start < end ? static_cast<int>((end - start + step - 1) / step) : 0;
+  const int used = std::min(phases, count);
+  for (int r = 0; r < used; ++r) {
+    const long long t = start + static_cast<long long>(r) * step;
+    const long long newest = FloorDiv(t, phases);
+    const int row = static_cast<int>(t - newest * phases);
+    // work[rowLength + j] is input sample j of the block; a window ends at
+    // its output's newest input sample.
+    const T* window = work + newest + 1;
+    kernel(rows + static_cast<std::size_t>(row) * rowLength, rowLength, window, step, (count - r + phases - 1) / phases,
+           out + r, phases);
   }
-  return ((acc[0] + acc[4]) + (acc[1] + acc[5])) + ((acc[2] + acc[6]) + (acc[3] + acc[7]));
+  const long long next = start + static_cast<long long>(count) * step;
+  *position = FloorDiv(next, phases);
+  *phase = static_cast<int>(next - *position * phases);
+  return count;
 }
-
-#ifdef VEX_RESAMPLE_X86
-__attribute__((target("avx2,fma"))) double DotAvx2(const float* a, const double* b, int n) {
-  // Four independent sums hide the FMA latency.
-  __m256d s0 = _mm256_setzero_pd();
-  __m256d s1 = _mm256_setzero_pd();
-  __m256d s2 = _mm256_setzero_pd();
-  __m256d s3 = _mm256_setzero_pd();
-  int i = 0;
-  for (; i + 16 <= n; i += 16) {
-    s0 = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(a + i)), _mm256_loadu_pd(b + i), s0);
-    s1 = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(a + i + 4)), _mm256_loadu_pd(b + i + 4), s1);
-    s2 = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(a + i + 8)), _mm256_loadu_pd(b + i + 8), s2);
-    s3 = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(a + i + 12)), _mm256_loadu_pd(b + i + 12), s3);
-  }
-  if (i < n) {
-    s0 = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(a + i)), _mm256_loadu_pd(b + i), s0);
-    s1 = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(a + i + 4)), _mm256_loadu_pd(b + i + 4), s1);
-  }
-  const __m256d s = _mm256_add_pd(_mm256_add_pd(s0, s1), _mm256_add_pd(s2, s3));
-  __m128d q = _mm_add_pd(_mm256_castpd256_pd128(s), _mm256_extractf128_pd(s, 1));
-  q = _mm_add_sd(q, _mm_unpackhi_pd(q, q));
-  return _mm_cvtsd_f64(q);
-}
-
-// Twice the width of the AVX2 kernel.
-// GCC 12's reduction helpers start from _mm256_undefined_pd, which its
-// -Wuninitialized flags inside the intrinsics header.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-__attribute__((target("avx512f,avx2,fma"))) double DotAvx512(const float* a, const double* b, int n) {
-  __m512d s0 = _mm512_setzero_pd();
-  __m512d s1 = _mm512_setzero_pd();
-  __m512d s2 = _mm512_setzero_pd();
-  __m512d s3 = _mm512_setzero_pd();
-  int i = 0;
-  for (; i + 32 <= n; i += 32) {
-    s0 = _mm512_fmadd_pd(_mm512_cvtps_pd(_mm256_loadu_ps(a + i)), _mm512_loadu_pd(b + i), s0);
-    s1 = _mm512_fmadd_pd(_mm512_cvtps_pd(_mm256_loadu_ps(a + i + 8)), _mm512_loadu_pd(b + i + 8), s1);
-    s2 = _mm512_fmadd_pd(_mm512_cvtps_pd(_mm256_loadu_ps(a + i + 16)), _mm512_loadu_pd(b + i + 16), s2);
-    s3 = _mm512_fmadd_pd(_mm512_cvtps_pd(_mm256_loadu_ps(a + i + 24)), _mm512_loadu_pd(b + i + 24), s3);
-  }
-  for (; i < n; i += 8) s0 = _mm512_fmadd_pd(_mm512_cvtps_pd(_mm256_loadu_ps(a + i)), _mm512_loadu_pd(b + i), s0);
-  return _mm512_reduce_add_pd(_mm512_add_pd(_mm512_add_pd(s0, s1), _mm512_add_pd(s2, s3)));
-}
-#pragma GCC diagnostic pop
-#endif
-
-using DotKernel = double (*)(const float*, const double*, int);
-
-DotKernel ChooseDot() {
-#ifdef VEX_RESAMPLE_X86
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("fma")) return DotAvx512;
-  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return DotAvx2;
-#endif
-  return DotPortable;
-}
-
-// Chosen once at load; both kernels round differently, so one process
-// always uses the same one.
-const DotKernel kDot = ChooseDot();
 
 }  // namespace
 
-Resample::Resample() { ChoosePhaseLayout(); }
+Resample::InstructionSet Resample::GetBestInstructionSet() {
+  static const InstructionSet best = resamplekernels::Supported(InstructionSet::kAvx512) ? InstructionSet::kAvx512
+                                     : resamplekernels::Supported(InstructionSet::kAvx2) ? InstructionSet::kAvx2
+                                                                                         : InstructionSet::kPortable;
+  return best;
+}
+
+Resample::Resample() : instructionSet_(GetBestInstructionSet()) { ChoosePhaseLayout(); }
+
+bool Resample::SetInstructionSet(InstructionSet set) {
+  if (!resamplekernels::Supported(set)) return false;
+  instructionSet_ = set;
+  return true;
+}
 
 Resample::~Resample() { FreeWork(); }
 
@@ -192,9 +166,15 @@ Resample& Resample::operator=(const Resample& other) {
   noiseFloor_ = other.noiseFloor_;
   nyquistShift_ = other.nyquistShift_;
   table_ = other.table_;
-  if (other.work_ != nullptr) {
+  historyLength_ = other.historyLength_;
+  floatArithmetic_ = other.floatArithmetic_;
+  alwaysDouble_ = other.alwaysDouble_;
+  instructionSet_ = other.instructionSet_;
+  if (other.workSize_ > 0) {
     AllocateWork();
-    if (work_ != nullptr) vu::Copy(static_cast<std::size_t>(workSize_), other.work_, work_);
+    const std::size_t n = static_cast<std::size_t>(workSize_);
+    if (work_ != nullptr && other.work_ != nullptr) vu::Copy(n, other.work_, work_);
+    if (workDouble_ != nullptr && other.workDouble_ != nullptr) vu::Copy(n, other.workDouble_, workDouble_);
   }
   return *this;
 }
@@ -267,7 +247,7 @@ void Resample::PreComputeStuff() {
     phaseFraction_ = 0.0;
     phasePosition_ = 0.0;
     nextInput_ = 0;
-    if (work_ != nullptr) vu::Zero(static_cast<std::size_t>(workSize_), work_);
+    ClearWork();
     return;
   }
   const double h = (filterOrder_ - 1) * 0.5 * static_cast<double>(destRate_) / static_cast<double>(sourceRate_);
@@ -279,7 +259,7 @@ void Resample::PreComputeStuff() {
   if (exactPhases_) phaseFraction_ = std::round(phaseFraction_);
   if (phaseFraction_ >= phases) phaseFraction_ -= phases;
   nextInput_ = static_cast<long long>(std::floor(phasePosition_));
-  if (work_ != nullptr) vu::Zero(static_cast<std::size_t>(workSize_), work_);
+  ClearWork();
 }
 
 void Resample::BuildTable(int order, double phaseOffset, double cutoff, double* taps) const {
@@ -311,6 +291,7 @@ bool Resample::Initialize() {
   if (sourceRate_ == destRate_) {
     phaseCount_ = 0;
     table_.reset();
+    floatArithmetic_ = false;
     FreeWork();
     PreComputeStuff();
     initialized_ = 1;
@@ -354,13 +335,19 @@ bool Resample::Initialize() {
         BuildTable(filterOrder_, static_cast<double>(row) / phaseCount_, cutoff,
                    entry->coefficients + row * paddedOrder_ + pad);
       }
+      if (noiseFloor_ <= kMaxFloatNoiseFloor && !DeriveFloatRows(entry.get())) {
+        phaseCount_ = 0;
+        return false;
+      }
       table_ = entry;
       AddToCache(entry);
     }
   }
 
+  floatArithmetic_ = exactPhases_ && !alwaysDouble_ && table_->floatCoefficients != nullptr;
+  historyLength_ = floatArithmetic_ ? table_->floatRowLength : paddedOrder_;
   AllocateWork();
-  if (work_ == nullptr) {
+  if (workSize_ == 0) {
     phaseCount_ = 0;
     return false;
   }
@@ -380,20 +367,44 @@ void Resample::Reset() {
   if (initialized_) PreComputeStuff();
 }
 
+bool Resample::DeriveFloatRows(ResampleTable* table) {
+  const int length = (table->filterOrder + 15) / 16 * 16;
+  const std::size_t rows = static_cast<std::size_t>(table->phaseCount) + 1;
+  table->floatCoefficients = vu::Malloc_Float(rows * static_cast<std::size_t>(length));
+  if (table->floatCoefficients == nullptr) return false;
+  table->floatRowLength = length;
+  vu::Zero(rows * static_cast<std::size_t>(length), table->floatCoefficients);
+  // Both rows end with the newest tap, so the double row's last
+  // paddedOrder taps map onto the float row's last ones.
+  for (std::size_t row = 0; row < rows; ++row) {
+    vu::Convert(static_cast<std::size_t>(table->paddedOrder), table->coefficients + row * table->paddedOrder,
+                table->floatCoefficients + row * length + (length - table->paddedOrder));
+  }
+  return true;
+}
+
 void Resample::AllocateWork() {
   FreeWork();
-  workSize_ = paddedOrder_ + kChunk;
-  work_ = vu::Malloc_Float(static_cast<std::size_t>(workSize_));
-  if (work_ != nullptr) {
-    vu::Zero(static_cast<std::size_t>(workSize_), work_);
+  const int size = kSlack + historyLength_ + kChunk + kSlack;
+  if (floatArithmetic_) {
+    work_ = vu::Malloc_Float(static_cast<std::size_t>(size));
   } else {
-    workSize_ = 0;
+    workDouble_ = vu::Malloc_Double(static_cast<std::size_t>(size));
   }
+  if (work_ != nullptr || workDouble_ != nullptr) workSize_ = size;
+  ClearWork();
+}
+
+void Resample::ClearWork() {
+  if (work_ != nullptr) vu::Zero(static_cast<std::size_t>(workSize_), work_);
+  if (workDouble_ != nullptr) vu::Zero(static_cast<std::size_t>(workSize_), workDouble_);
 }
 
 void Resample::FreeWork() {
   vu::Free(work_);
+  vu::Free(workDouble_);
   work_ = nullptr;
+  workDouble_ = nullptr;
   workSize_ = 0;
 }
 
@@ -418,54 +429,67 @@ int Resample::Process2(float* in, float* out, int frames) {
 }
 
 int Resample::ProcessInternal(float* in, float* out, int frames, bool interpolate) {
-  const int padded = paddedOrder_;
-  float* const work = work_;
-  vu::Copy(static_cast<std::size_t>(frames), in, work + padded);
+  const std::size_t history = static_cast<std::size_t>(historyLength_);
+  int produced;
+  if (floatArithmetic_) {
+    float* const work = work_ + kSlack;
+    vu::Copy(static_cast<std::size_t>(frames), in, work + history);
+    produced = ProcessExactFloat(work, out, frames);
+    vu::Move(history, work + frames, work);
+  } else {
+    double* const work = workDouble_ + kSlack;
+    vu::Convert(static_cast<std::size_t>(frames), in, work + history);
+    produced = interpolate ? ProcessInterpolated(work, out, frames) : ProcessExactDouble(work, out, frames);
+    vu::Move(history, work + frames, work);
+  }
+  phasePosition_ = static_cast<double>(nextInput_) + phaseFraction_ / phaseCount_;
+  return produced;
+}
 
+int Resample::ProcessExactFloat(const float* work, float* out, int frames) {
+  int phase = static_cast<int>(phaseFraction_);
+  const int produced = ExactBlock(work, frames, table_->floatCoefficients, historyLength_,
+                                  resamplekernels::Get(instructionSet_).rowsFloat, phaseCount_,
+                                  static_cast<int>(phaseStep_), &nextInput_, &phase, out);
+  nextInput_ -= frames;
+  phaseFraction_ = phase;
+  return produced;
+}
+
+int Resample::ProcessExactDouble(const double* work, float* out, int frames) {
+  int phase = static_cast<int>(phaseFraction_);
+  const int produced =
+      ExactBlock(work, frames, table_->coefficients, historyLength_, resamplekernels::Get(instructionSet_).rowsDouble,
+                 phaseCount_, static_cast<int>(phaseStep_), &nextInput_, &phase, out);
+  nextInput_ -= frames;
+  phaseFraction_ = phase;
+  return produced;
+}
+
+int Resample::ProcessInterpolated(const double* work, float* out, int frames) {
+  const int padded = paddedOrder_;
   const double* const taps = table_->coefficients;
-  const DotKernel dot = kDot;
+  const resamplekernels::DotDouble dot = resamplekernels::Get(instructionSet_).dot;
   const int phases = phaseCount_;
+  const double step = phaseStep_;
+  double phase = phaseFraction_;
   long long position = nextInput_;
   int produced = 0;
-  // work[padded + j] is input sample j of this block; the window of output
-  // n ends at its newest input sample, so it starts padded - 1 earlier.
-  if (!interpolate) {
-    const int step = static_cast<int>(phaseStep_);
-    const int whole = step / phases;
-    const int rest = step % phases;
-    int phase = static_cast<int>(phaseFraction_);
-    while (position < frames) {
-      const float* window = work + position + 1;
-      out[produced++] = static_cast<float>(dot(window, taps + phase * padded, padded));
-      position += whole;
-      phase += rest;
-      if (phase >= phases) {
-        phase -= phases;
-        ++position;
-      }
-    }
-    phaseFraction_ = phase;
-  } else {
-    const double step = phaseStep_;
-    double phase = phaseFraction_;
-    while (position < frames) {
-      const float* window = work + position + 1;
-      const int index = static_cast<int>(phase);
-      const double alpha = phase - index;
-      const double* row = taps + static_cast<std::size_t>(index) * padded;
-      const double a = dot(window, row, padded);
-      const double b = dot(window, row + padded, padded);
-      out[produced++] = static_cast<float>(a + alpha * (b - a));
-      phase += step;
-      const double wraps = std::floor(phase / phases);
-      phase -= wraps * phases;
-      position += static_cast<long long>(wraps);
-    }
-    phaseFraction_ = phase;
+  while (position < frames) {
+    const double* window = work + position + 1;
+    const int index = static_cast<int>(phase);
+    const double alpha = phase - index;
+    const double* row = taps + static_cast<std::size_t>(index) * padded;
+    const double a = dot(window, row, padded);
+    const double b = dot(window, row + padded, padded);
+    out[produced++] = static_cast<float>(a + alpha * (b - a));
+    phase += step;
+    const double wraps = std::floor(phase / phases);
+    phase -= wraps * phases;
+    position += static_cast<long long>(wraps);
   }
+  phaseFraction_ = phase;
   nextInput_ = position - frames;
-  phasePosition_ = static_cast<double>(nextInput_) + phaseFraction_ / phases;
-  vu::Move(static_cast<std::size_t>(padded), work + frames, work);
   return produced;
 }
 
