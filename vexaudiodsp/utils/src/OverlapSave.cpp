@@ -272,11 +272,13 @@ void OverlapSave::RunFrame(int numChannels, bool alternative) {
       t[2 * k] = re[k];
       t[2 * k + 1] = im[k];
     }
-    fft_.FFT(t, -1);
+    // Out of place as well: FFTW's in-place complex-to-real plan spends a
+    // copy of its own.
+    fft_.FFT(t, windowed_, -1);
     float* sums = sums_[Size(c)];
     vu::Move(region - hop, sums + hop, sums);
     vu::Zero(hop, sums + (region - hop));
-    const float* frame = t + regionStart_;
+    const float* frame = windowed_ + regionStart_;
     for (std::size_t u = 0; u < region; ++u) sums[u] += frame[u] * weights[u];
   }
   readPos_ = 0;
