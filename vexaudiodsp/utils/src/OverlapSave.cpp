@@ -26,6 +26,9 @@ bool IsPowerOfTwo(int n) { return n > 0 && (n & (n - 1)) == 0; }
 
 std::size_t Size(int n) { return static_cast<std::size_t>(n); }
 
+// Float count rounded up to whole 64-byte lines.
+std::size_t Padded(std::size_t count) { return (count + 15) & ~std::size_t{15}; }
+
 }  // namespace
 
 OverlapSave::OverlapSave() = default;
@@ -114,9 +117,15 @@ bool OverlapSave::Allocate() {
   const std::size_t n = Size(fftSize_);
   const std::size_t bins = n / 2 + 1;
   // History gets room for 2N samples: frames slide along it and the tail
-  // moves back to the start only once every N / H frames.
-  const std::size_t perChannel = 2 * n + Size(regionLength_) + 2 * bins;
-  const std::size_t total = perChannel * Size(numChannels_) + 2 * n + 2;
+  // moves back to the start only once every N / H frames. Every piece starts
+  // on a 64-byte boundary: the transform engine sends unaligned buffers
+  // through two extra copies.
+  const std::size_t history = Padded(2 * n);
+  const std::size_t sums = Padded(Size(regionLength_));
+  const std::size_t half = Padded(bins);
+  const std::size_t perChannel = history + sums + 2 * half;
+  const std::size_t spectrum = Padded(n + 2);
+  const std::size_t total = perChannel * Size(numChannels_) + spectrum + Padded(n);
   block_ = vu::Malloc_Float(total);
   if (block_ == nullptr) return false;
   vu::Zero(total, block_);
@@ -127,13 +136,13 @@ bool OverlapSave::Allocate() {
   float* p = block_;
   for (std::size_t c = 0; c < Size(numChannels_); ++c) {
     history_[c] = p;
-    sums_[c] = p + 2 * n;
-    re_[c] = sums_[c] + regionLength_;
-    im_[c] = re_[c] + bins;
+    sums_[c] = p + history;
+    re_[c] = sums_[c] + sums;
+    im_[c] = re_[c] + half;
     p += perChannel;
   }
   transform_ = p;
-  windowed_ = p + n + 2;
+  windowed_ = p + spectrum;
   return true;
 }
 
