@@ -264,23 +264,15 @@ void OverlapSave::RunFrame(int numChannels, bool alternative) {
     // Out of place: FFTW's in-place real transform spends an extra copy.
     vu::Mul(n, history_[Size(c)] + historyOffset_, scaledWindow_.data(), windowed_);
     fft_.FFT(windowed_, t, 1);
-    float* re = re_[Size(c)];
-    float* im = im_[Size(c)];
-    for (std::size_t k = 0; k < bins; ++k) {
-      re[k] = t[2 * k];
-      im[k] = t[2 * k + 1];
-    }
+    float* const split[2] = {re_[Size(c)], im_[Size(c)]};
+    vu::Deinterleave(t, 2, bins, split);
   }
   OnSpectrum(re_.data(), im_.data(), numChannels, static_cast<int>(bins));
 
   const float* weights = alternative ? segmentWeights_.data() : crossfadeWeights_.data();
   for (int c = 0; c < numChannels; ++c) {
-    const float* re = re_[Size(c)];
-    const float* im = im_[Size(c)];
-    for (std::size_t k = 0; k < bins; ++k) {
-      t[2 * k] = re[k];
-      t[2 * k + 1] = im[k];
-    }
+    const float* const split[2] = {re_[Size(c)], im_[Size(c)]};
+    vu::Interleave(split, 2, bins, t);
     // Out of place as well: FFTW's in-place complex-to-real plan spends a
     // copy of its own.
     fft_.FFT(t, windowed_, -1);
