@@ -157,11 +157,17 @@ __attribute__((target("avx2"))) void MeasureAvx2(int count, const float* re, con
   MeasureScalar(count - k, re + k, im + k, scale, m + k);
 }
 
-// Both channels of the pair at once, so the lanes can be interleaved in
-// registers.
-__attribute__((target("avx2"))) void SpreadTermsPairAvx2(int count, const float* const* re, const float* const* im,
-                                                         double scale, const double* const* rows,
-                                                         const SmoothingTerms& t, double* rise, double* fall) {
+// The smoothing of a pair with AVX2 and FMA. Bins go in groups of four:
+// the bin-parallel terms of a group (both channels, interleaved into lanes)
+// are computed while the bin-to-bin chain runs through the group before,
+// which does not depend on them, so the square roots hide under the chain's
+// latency. The chain takes one fused multiply-add and a max per bin. The
+// terms of a group read the previous frame's row from bin k on, the chain
+// has written it only below k.
+template <bool kLarger>
+__attribute__((target("avx2,fma"))) void SmoothPairAvx2(int count, const float* const* re, const float* const* im,
+                                                        double scale, const SmoothingTerms& t, double* const* rows,
+                                                        double* rise, double* fall) {
   const __m256d s = _mm256_set1_pd(scale);
   const __m256d c01 = _mm256_set1_pd(0.1);
   const __m256d c02 = _mm256_set1_pd(0.2);
@@ -170,6 +176,16 @@ __attribute__((target("avx2"))) void SpreadTermsPairAvx2(int count, const float*
   const __m256d c007 = _mm256_set1_pd(0.07);
   const __m256d comp = _mm256_set1_pd(t.complement);
   const __m256d keep = _mm256_set1_pd(t.smoothing);
+  const __m128d riseNear = _mm_set1_pd(t.riseNear);
+  const __m128d riseFar = _mm_set1_pd(t.riseFar);
+  const __m128d fallNear = _mm_set1_pd(t.fallNear);
+  const __m128d fallFar = _mm_set1_pd(t.fallFar);
+  double* row0 = rows[0];
+  double* row1 = rows[1];
+  // Bins -1 and -2 lie outside the band: zero.
+  __m128d near = _mm_setzero_pd();
+  __m128d far = _mm_setzero_pd();
+  int chained = 0;
   int k = 0;
   for (; k + 4 <= count; k += 4) {
     __m256d up[2], down[2];
@@ -190,34 +206,31 @@ __attribute__((target("avx2"))) void SpreadTermsPairAvx2(int count, const float*
     _mm256_storeu_pd(rise + 2 * k + 4, _mm256_permute2f128_pd(upLow, upHigh, 0x31));
     _mm256_storeu_pd(fall + 2 * k, _mm256_permute2f128_pd(downLow, downHigh, 0x20));
     _mm256_storeu_pd(fall + 2 * k + 4, _mm256_permute2f128_pd(downLow, downHigh, 0x31));
+    // The group before this one.
+    for (; chained < k; ++chained) {
+      const __m128d up0 = _mm_fmadd_pd(riseFar, far, _mm_loadu_pd(rise + 2 * chained));
+      const __m128d down0 = _mm_fmadd_pd(fallFar, far, _mm_loadu_pd(fall + 2 * chained));
+      const __m128d sm = kLarger ? _mm_max_pd(_mm_fmadd_pd(riseNear, near, up0), _mm_fmadd_pd(fallNear, near, down0))
+                                 : _mm_min_pd(_mm_fmadd_pd(riseNear, near, up0), _mm_fmadd_pd(fallNear, near, down0));
+      _mm_storel_pd(row0 + chained, sm);
+      _mm_storeh_pd(row1 + chained, sm);
+      far = near;
+      near = sm;
+    }
   }
   for (int lane = 0; lane < 2; ++lane) {
     SpreadTermsScalar(count - k, re[lane] + k, im[lane] + k, scale, rows[lane] + k, t, lane, rise + 2 * k,
                       fall + 2 * k);
   }
-}
-
-// As SmoothPairSse2 with fused multiply-adds: one fma and a max on the
-// chain per bin.
-template <bool kLarger>
-__attribute__((target("avx2,fma"))) void SmoothPairFma(int count, const SmoothingTerms& t, const double* rise,
-                                                       const double* fall, double* row0, double* row1) {
-  const __m128d riseNear = _mm_set1_pd(t.riseNear);
-  const __m128d riseFar = _mm_set1_pd(t.riseFar);
-  const __m128d fallNear = _mm_set1_pd(t.fallNear);
-  const __m128d fallFar = _mm_set1_pd(t.fallFar);
-  __m128d near = _mm_setzero_pd();
-  __m128d far = _mm_setzero_pd();
-  for (int k = 0; k < count; ++k) {
-    const __m128d up0 = _mm_fmadd_pd(riseFar, far, _mm_loadu_pd(rise + 2 * k));
-    const __m128d down0 = _mm_fmadd_pd(fallFar, far, _mm_loadu_pd(fall + 2 * k));
-    const __m128d up = _mm_fmadd_pd(riseNear, near, up0);
-    const __m128d down = _mm_fmadd_pd(fallNear, near, down0);
-    const __m128d s = kLarger ? _mm_max_pd(up, down) : _mm_min_pd(up, down);
-    _mm_storel_pd(row0 + k, s);
-    _mm_storeh_pd(row1 + k, s);
+  for (; chained < count; ++chained) {
+    const __m128d up0 = _mm_fmadd_pd(riseFar, far, _mm_loadu_pd(rise + 2 * chained));
+    const __m128d down0 = _mm_fmadd_pd(fallFar, far, _mm_loadu_pd(fall + 2 * chained));
+    const __m128d sm = kLarger ? _mm_max_pd(_mm_fmadd_pd(riseNear, near, up0), _mm_fmadd_pd(fallNear, near, down0))
+                               : _mm_min_pd(_mm_fmadd_pd(riseNear, near, up0), _mm_fmadd_pd(fallNear, near, down0));
+    _mm_storel_pd(row0 + chained, sm);
+    _mm_storeh_pd(row1 + chained, sm);
     far = near;
-    near = s;
+    near = sm;
   }
 }
 
@@ -289,9 +302,8 @@ void SmoothPair(bool vector, int count, const float* const* re, const float* con
   const double* previous[2] = {rows[0], rows[1]};
 #ifdef VEX_NONOISE_AVX2
   if (vector) {
-    SpreadTermsPairAvx2(count, re, im, scale, previous, t, rise, fall);
-    if (t.keepLarger) return SmoothPairFma<true>(count, t, rise, fall, rows[0], rows[1]);
-    return SmoothPairFma<false>(count, t, rise, fall, rows[0], rows[1]);
+    if (t.keepLarger) return SmoothPairAvx2<true>(count, re, im, scale, t, rows, rise, fall);
+    return SmoothPairAvx2<false>(count, re, im, scale, t, rows, rise, fall);
   }
 #endif
   (void)vector;
