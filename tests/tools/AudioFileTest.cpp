@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 #include <cstdint>
@@ -28,6 +29,7 @@
 #include "AudioFile.h"
 #include "CliError.h"
 #include "Levels.h"
+#include "Pipeline.h"
 #include "Progress.h"
 #include "support/CliFixture.h"
 
@@ -262,6 +264,49 @@ TEST_F(AudioFileTest, ContainerFollowsTheDeclaredLength) {
   char magic[5] = {};
   std::ifstream(Path("small.wav"), std::ios::binary).read(magic, 4);
   EXPECT_STREQ(magic, "RIFF");
+}
+
+// The background sink hands blocks of any size to the file in order, across
+// its slots, and equals writing them directly; a write that fails on its
+// thread stops the producer and surfaces through the FileSink.
+TEST_F(AudioFileTest, BackgroundSinkWritesInOrderAndReportsFailures) {
+  const int format = SF_FORMAT_WAV | SF_FORMAT_PCM_24;
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<float> sample(-0.9f, 0.9f);
+  const std::size_t frames = 250000;  // beyond the ring's three slots
+  std::vector<std::vector<float>> planar(2, std::vector<float>(frames));
+  for (auto& channel : planar) {
+    for (float& v : channel) v = sample(rng);
+  }
+  WriteFile("direct.wav", format, planar);
+  {
+    AudioFileWriter writer(Path("background.wav"), format, 2, 48000);
+    vexdsp::FileSink sink(writer);
+    vexdsp::BackgroundFileSink background(sink, 2);
+    std::size_t done = 0;
+    for (int i = 0; done < frames; ++i) {
+      const std::size_t block =
+          std::min<std::size_t>(frames - done, std::vector<std::size_t>{1, 7, 4096, 70000, 513}[i % 5]);
+      const float* pointers[2] = {planar[0].data() + done, planar[1].data() + done};
+      ASSERT_TRUE(background.Write(pointers, static_cast<int>(block)));
+      done += block;
+    }
+    background.Finish();
+    sink.Check();
+    writer.Commit();
+  }
+  EXPECT_EQ(ReadInts("background.wav"), ReadInts("direct.wav"));
+
+  AudioFileWriter closed(Path("closed.wav"), format, 2, 48000);
+  closed.Commit();
+  vexdsp::FileSink sink(closed);
+  vexdsp::BackgroundFileSink background(sink, 2);
+  const float* pointers[2] = {planar[0].data(), planar[1].data()};
+  bool refused = false;
+  for (int i = 0; i < 64 && !refused; ++i) refused = !background.Write(pointers, 4096);
+  EXPECT_TRUE(refused);
+  background.Finish();
+  EXPECT_THROW(sink.Check(), CliError);
 }
 
 // "-" reads standard input: the length is unknown until the stream ends,

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "AudioFile.h"
@@ -49,6 +52,44 @@ class FileSink final : public dsp::host::FrameSink {
   AudioFileWriter& writer_;
   LevelMeter* meter_;
   std::string error_;
+};
+
+/// A FileSink whose writes run on a thread of their own, so that encoding
+/// and the kernel's copy into the file overlap the processing of the next
+/// blocks. Blocks are gathered into large slots (few hand-overs) of a small
+/// ring, allocated once; Write waits only while every slot is queued, and
+/// returns false once a write has failed. Call Finish() (the destructor does
+/// too) before FileSink::Check() and before committing the file: it hands
+/// over the last partial slot and waits until everything is written. One
+/// producer thread.
+class BackgroundFileSink final : public dsp::host::FrameSink {
+ public:
+  BackgroundFileSink(FileSink& sink, int numChannels);
+  ~BackgroundFileSink() override;
+  BackgroundFileSink(const BackgroundFileSink&) = delete;
+  BackgroundFileSink& operator=(const BackgroundFileSink&) = delete;
+  bool Write(const float* const* planar, int numFrames) override;
+  void Finish();
+
+ private:
+  struct Slot {
+    std::vector<float> samples;  // planar: channel c at c * capacity
+    int numFrames = 0;
+  };
+  void Hand();
+  void Run();
+
+  FileSink& sink_;
+  int numChannels_;
+  std::vector<Slot> slots_;
+  Slot* filling_ = nullptr;  // owned by the producer while not queued
+  std::size_t next_ = 0;     // slot the producer takes next
+  std::size_t queued_ = 0;
+  bool finishing_ = false;
+  bool failed_ = false;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::thread thread_;
 };
 
 /// Replaces NaN and infinite samples by 0; returns how many there were.

@@ -86,9 +86,11 @@ class ProcessCommand final : public Command {
     writer.SetQuantizer(MakeDitherQuantizer(dither, expected));
     FileSource source(reader);
     FileSink sink(writer);
+    BackgroundFileSink background(sink, channels);
     Progress progress("processing", declared, rate);
-    const std::int64_t written = dsp::host::RenderProcess(chain->GetChain(), channels, source, sink, tail,
+    const std::int64_t written = dsp::host::RenderProcess(chain->GetChain(), channels, source, background, tail,
                                                           [&](std::int64_t done) { progress.Update(done); });
+    background.Finish();
     progress.Finish();
     source.Check();
     sink.Check();
