@@ -97,6 +97,95 @@ constexpr std::size_t kSlots = 3;
 constexpr int kSlotFrames = 65536;
 }  // namespace
 
+BackgroundFileSource::BackgroundFileSource(FileSource& source, int numChannels)
+    : source_(source), numChannels_(std::max(numChannels, 1)), slots_(kSlots) {
+  for (Slot& slot : slots_) {
+    slot.samples.resize(static_cast<std::size_t>(kSlotFrames) * static_cast<std::size_t>(numChannels_));
+  }
+  thread_ = std::thread([this] { Run(); });
+}
+
+BackgroundFileSource::~BackgroundFileSource() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  changed_.notify_all();
+  thread_.join();
+}
+
+void BackgroundFileSource::Run() {
+  std::vector<float*> planar(static_cast<std::size_t>(numChannels_));
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [this] { return queued_ < slots_.size() || stopping_; });
+    if (stopping_) {
+      return;
+    }
+    Slot& slot = slots_[(first_ + queued_) % slots_.size()];
+    lock.unlock();
+    for (std::size_t ch = 0; ch < planar.size(); ++ch) {
+      planar[ch] = slot.samples.data() + ch * static_cast<std::size_t>(kSlotFrames);
+    }
+    // Fill the slot unless the source ends or fails on the way.
+    int got = 0;
+    int read = 1;
+    while (got < kSlotFrames && read > 0) {
+      read = source_.Read(planar.data(), kSlotFrames - got);
+      if (read > 0) {
+        for (float*& p : planar) p += read;
+        got += read;
+      }
+    }
+    slot.numFrames = got > 0 ? got : read;
+    lock.lock();
+    ++queued_;
+    changed_.notify_all();
+    if (slot.numFrames <= 0) {
+      return;
+    }
+    if (read <= 0) {
+      // The end (or a failure) follows the frames of this slot.
+      changed_.wait(lock, [this] { return queued_ < slots_.size() || stopping_; });
+      if (stopping_) {
+        return;
+      }
+      slots_[(first_ + queued_) % slots_.size()].numFrames = read;
+      ++queued_;
+      changed_.notify_all();
+      return;
+    }
+  }
+}
+
+int BackgroundFileSource::Read(float* const* planar, int numFrames) {
+  if (numFrames < 1) {
+    return 0;
+  }
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait(lock, [this] { return queued_ > 0; });
+  const Slot& slot = slots_[first_];
+  if (slot.numFrames <= 0) {
+    return slot.numFrames;  // stays queued: every later call says the same
+  }
+  lock.unlock();
+  const int take = std::min(numFrames, slot.numFrames - position_);
+  for (int ch = 0; ch < numChannels_; ++ch) {
+    const float* from = slot.samples.data() + static_cast<std::size_t>(ch) * kSlotFrames + position_;
+    vexaccelerate::utility::Copy(static_cast<std::size_t>(take), from, planar[ch]);
+  }
+  position_ += take;
+  if (position_ == slot.numFrames) {
+    lock.lock();
+    position_ = 0;
+    first_ = (first_ + 1) % slots_.size();
+    --queued_;
+    lock.unlock();
+    changed_.notify_all();
+  }
+  return take;
+}
+
 BackgroundFileSink::BackgroundFileSink(FileSink& sink, int numChannels)
     : sink_(sink), numChannels_(std::max(numChannels, 1)), slots_(kSlots) {
   for (Slot& slot : slots_) {
