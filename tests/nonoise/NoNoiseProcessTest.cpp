@@ -183,7 +183,7 @@ TEST(NoNoiseReduction, ClosedFormCases) {
 
 // The reduction rule written out from its formulas in plain doubles, with
 // its own smoothing rows, for any channel count; bins 0 ... bins - 1 of an
-// N-point spectrum.
+// N-point transform.
 struct LiteralRule {
   std::vector<std::vector<double>> rows;
   bool first = true;
@@ -272,11 +272,11 @@ NONOISE RandomPrint(int channels, std::uint32_t seed) {
   return p;
 }
 
-// Frame after frame on random spectra, with the settings changed between
+// Frame after frame on random bins, with the settings changed between
 // frames (smoothing off and on again, a small smoothing whose rise is the
 // smaller choice, full smoothing, reduction off, negative positions and
 // exponents), for one, two and three channels and both kernel sets: the
-// processor's spectrum hook equals the literal rule within rounding.
+// processor's OnSpectrum equals the literal rule within rounding.
 TEST(NoNoiseReduction, MatchesTheLiteralRuleOnRandomPrintsAndSettings) {
   struct Settings {
     double reductionDb, thresholdDb, exponent, smoothingPercent, levelPosition;

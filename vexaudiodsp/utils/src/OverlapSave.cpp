@@ -124,8 +124,8 @@ bool OverlapSave::Allocate() {
   const std::size_t sums = Padded(Size(regionLength_));
   const std::size_t half = Padded(bins);
   const std::size_t perChannel = history + sums + 2 * half;
-  const std::size_t spectrum = Padded(n + 2);
-  const std::size_t total = perChannel * Size(numChannels_) + spectrum + Padded(n);
+  const std::size_t transformSize = Padded(n + 2);
+  const std::size_t total = perChannel * Size(numChannels_) + transformSize + Padded(n);
   block_ = vu::Malloc_Float(total);
   if (block_ == nullptr) return false;
   vu::Zero(total, block_);
@@ -142,7 +142,7 @@ bool OverlapSave::Allocate() {
     p += perChannel;
   }
   transform_ = p;
-  windowed_ = p + spectrum;
+  windowed_ = p + transformSize;
   return true;
 }
 
