@@ -181,6 +181,162 @@ TEST(NoNoiseReduction, ClosedFormCases) {
   dsp::nonoise::FreeArrays(&flip);
 }
 
+// The reduction rule written out from its formulas in plain doubles, with
+// its own smoothing rows, for any channel count; bins 0 ... bins - 1 of an
+// N-point transform.
+struct LiteralRule {
+  std::vector<std::vector<double>> rows;
+  bool first = true;
+
+  void Apply(const NONOISE& p, std::vector<std::vector<float>>& re, std::vector<std::vector<float>>& im) {
+    if (p.reductionDb == 0.0) return;
+    const int n = p.fftSize;
+    const int channels = static_cast<int>(re.size());
+    const int bins = static_cast<int>(re[0].size());
+    if (rows.empty())
+      rows.assign(static_cast<std::size_t>(channels), std::vector<double>(static_cast<std::size_t>(n + 8), 0.0));
+    double reduction = p.reductionDb == 0.0 ? 100.0 : p.reductionDb;
+    if (reduction < 1.0) reduction = 1.0;
+    const double maxReduction = 1.0 - std::pow(10.0, -reduction / 20.0);
+    const double thresholdGain = std::pow(10.0, p.thresholdDb / 20.0);
+    const double smoothing = p.smoothingPercent / 100.0;
+    const double complement = 1.0 - smoothing;
+    const double scale = 1.0 / (n * 0.25);
+    for (int c = 0; c < channels; ++c) {
+      double* s = rows[static_cast<std::size_t>(c)].data() + 4;
+      for (int k = 0; k < bins; ++k) {
+        const double a = p.averageCurve[c][k], b = p.maxCurve[c][k], cc = p.minCurve[c][k];
+        const double t = (k == 0 || k == n / 2) ? p.levelPosition : p.binCurve[k] + p.levelPosition;
+        double level = cc + (2 * b + 2 * cc - 4 * a) * t + (4 * a - b - 3 * cc) * t * std::fabs(t);
+        if (level < 0.0) level = 0.0;
+        double g = thresholdGain;
+        if (p.exponent != 0.0 && b != 0.0) g = thresholdGain * std::pow(10.0, p.exponent * std::log10(a / b));
+        const double lo = std::min(level, level * g);
+        const double hi = std::max(level, level * g);
+        const double x = re[c][k], y = im[c][k];
+        double m = std::sqrt(x * x + y * y) * scale;
+        if (smoothing > 0.0) {
+          if (!first) {
+            const double spread = 0.2 * (s[k - 1] + s[k + 1]) + 0.1 * (s[k - 2] + s[k + 2]) + 0.4 * m;
+            if (spread > s[k]) {
+              m = 0.07 * s[k] + 0.93 * spread;
+            } else {
+              m = complement * spread + smoothing * s[k];
+            }
+          }
+          s[k] = m;
+        }
+        double v = hi;
+        if (lo > m) {
+          v = m;
+        } else if (hi > m) {
+          v = m + (m - lo) / (hi - lo) * (hi - m);
+        }
+        double r = maxReduction;
+        if (cc != 0.0) r += 5.0 / (b / cc) * (1.0 - r);
+        if (m != 0.0) {
+          r = std::min(r, v / m);
+          re[c][k] = static_cast<float>(x * (1.0 - r));
+          im[c][k] = static_cast<float>(y * (1.0 - r));
+        }
+      }
+    }
+    first = false;
+  }
+};
+
+// A random print of N = 64 for `channels` channels: minimum, average and
+// maximum in order, some minimum curves high enough (C / B > 0.2) to flip
+// signs, a few silent bins and random per-bin curve positions.
+NONOISE RandomPrint(int channels, std::uint32_t seed) {
+  NONOISE p;
+  p.fftSize = 64;
+  p.overlap = 4;
+  p.channelCount = static_cast<std::int16_t>(channels);
+  dsp::nonoise::AllocateArrays(&p);
+  const std::vector<float> u = vextest::Noise(static_cast<std::size_t>(3 * 64 * channels + 64), seed, 1.0);
+  std::size_t next = 0;
+  auto unit = [&] { return 0.5 + 0.5 * static_cast<double>(u[next++]); };
+  for (int c = 0; c < channels; ++c) {
+    for (int k = 0; k < 64; ++k) {
+      const double b = 0.05 + 2.0 * unit();
+      const double cMin = (k % 5 == 0 ? 0.0 : 0.6 * unit()) * b;
+      const double a = cMin + (b - cMin) * unit();
+      const bool silent = k % 11 == 7;
+      p.maxCurve[c][k] = silent ? 0.0 : b;
+      p.minCurve[c][k] = silent ? 0.0 : cMin;
+      p.averageCurve[c][k] = silent ? 0.0 : a;
+    }
+  }
+  for (int k = 0; k < 64; ++k) p.binCurve[k] = static_cast<float>(0.6 * (unit() - 0.5));
+  return p;
+}
+
+// Frame after frame on random bins, with the settings changed between
+// frames (smoothing off and on again, a small smoothing whose rise is the
+// smaller choice, full smoothing, reduction off, negative positions and
+// exponents), for one, two and three channels and both kernel sets: the
+// processor's OnSpectrum equals the literal rule within rounding.
+TEST(NoNoiseReduction, MatchesTheLiteralRuleOnRandomPrintsAndSettings) {
+  struct Settings {
+    double reductionDb, thresholdDb, exponent, smoothingPercent, levelPosition;
+  };
+  const std::vector<Settings> schedule = {{40, 0, 1, 65, 1},      {40, 0, 1, 65, 1},      {25, 4, -0.7, 65, 0.6},
+                                          {25, 4, -0.7, 0, 0.6},  {60, -3, 0, 0, 1.4},    {60, -3, 0, 3, 1.4},
+                                          {12, 2, 1.3, 3, -0.4},  {12, 2, 1.3, 100, 0.2}, {0, 2, 1.3, 100, 0.2},
+                                          {100, 0, 0.5, 65, 2.0}, {1, 6, 2, 40, 0.9},     {0.5, 0, 1, 80, 1}};
+  for (int channels : {1, 2, 3}) {
+    for (bool portable : {false, true}) {
+      NONOISE p = RandomPrint(channels, static_cast<std::uint32_t>(40 + channels));
+      Exposed proc(&p);
+      proc.SetPortableKernels(portable);
+      proc.Start();
+      LiteralRule rule;
+      for (std::size_t frame = 0; frame < schedule.size(); ++frame) {
+        const Settings& set = schedule[frame];
+        for (NONOISE* q : {&p, proc.GetParam()}) {
+          q->reductionDb = set.reductionDb;
+          q->thresholdDb = set.thresholdDb;
+          q->exponent = set.exponent;
+          q->smoothingPercent = set.smoothingPercent;
+          q->levelPosition = set.levelPosition;
+        }
+        proc.ParameterChanged();
+        std::vector<std::vector<float>> re(static_cast<std::size_t>(channels)), im = re;
+        for (int c = 0; c < channels; ++c) {
+          const auto seed = static_cast<std::uint32_t>(1000 * frame + 10 * static_cast<std::size_t>(c) + 1);
+          const std::vector<float> x = vextest::Noise(2 * 33, seed, 30.0);
+          re[static_cast<std::size_t>(c)].assign(x.begin(), x.begin() + 33);
+          im[static_cast<std::size_t>(c)].assign(x.begin() + 33, x.end());
+          // A tone-like bin well above the print and a silent one.
+          re[static_cast<std::size_t>(c)][9] = 400.0f;
+          if (frame == 0) re[static_cast<std::size_t>(c)][20] = im[static_cast<std::size_t>(c)][20] = 0.0f;
+        }
+        std::vector<std::vector<float>> wantRe = re, wantIm = im;
+        rule.Apply(p, wantRe, wantIm);
+        std::vector<float*> pr, pi;
+        for (int c = 0; c < channels; ++c) {
+          pr.push_back(re[static_cast<std::size_t>(c)].data());
+          pi.push_back(im[static_cast<std::size_t>(c)].data());
+        }
+        proc.OnSpectrum(pr.data(), pi.data(), channels, 33);
+        for (int c = 0; c < channels; ++c) {
+          for (int k = 0; k < 33; ++k) {
+            const auto ci = static_cast<std::size_t>(c);
+            const auto ki = static_cast<std::size_t>(k);
+            // Rounding of the float output, on the scale of the input bin.
+            const double tol = 1e-6 * (std::fabs(wantRe[ci][ki]) + std::fabs(wantIm[ci][ki]) + 30.0);
+            ASSERT_NEAR(re[ci][ki], wantRe[ci][ki], tol) << "channels " << channels << " portable " << portable
+                                                         << " frame " << frame << " c " << c << " k " << k;
+            ASSERT_NEAR(im[ci][ki], wantIm[ci][ki], tol) << "frame " << frame << " c " << c << " k " << k;
+          }
+        }
+      }
+      dsp::nonoise::FreeArrays(&p);
+    }
+  }
+}
+
 TEST(NoNoiseProcess, FrameOfTheRecordAndRefusedRecords) {
   NoNoiseProcess defaults;
   EXPECT_TRUE(defaults.IsConfigured());

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 #include <cstdint>
@@ -28,6 +29,7 @@
 #include "AudioFile.h"
 #include "CliError.h"
 #include "Levels.h"
+#include "Pipeline.h"
 #include "Progress.h"
 #include "support/CliFixture.h"
 
@@ -265,6 +267,84 @@ TEST_F(AudioFileTest, ContainerFollowsTheDeclaredLength) {
   char magic[5] = {};
   std::ifstream(Path("small.wav"), std::ios::binary).read(magic, 4);
   EXPECT_STREQ(magic, "RIFF");
+}
+
+// The background sink hands blocks of any size to the file in order, across
+// its slots, and equals writing them directly; a write that fails on its
+// thread stops the producer and surfaces through the FileSink.
+TEST_F(AudioFileTest, BackgroundSinkWritesInOrderAndReportsFailures) {
+  const int format = SF_FORMAT_WAV | SF_FORMAT_PCM_24;
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<float> sample(-0.9f, 0.9f);
+  const std::size_t frames = 250000;  // beyond the ring's three slots
+  std::vector<std::vector<float>> planar(2, std::vector<float>(frames));
+  for (auto& channel : planar) {
+    for (float& v : channel) v = sample(rng);
+  }
+  WriteFile("direct.wav", format, planar);
+  {
+    AudioFileWriter writer(Path("background.wav"), format, 2, 48000);
+    vexdsp::FileSink sink(writer);
+    vexdsp::BackgroundFileSink background(sink, 2);
+    std::size_t done = 0;
+    for (int i = 0; done < frames; ++i) {
+      const std::size_t block =
+          std::min<std::size_t>(frames - done, std::vector<std::size_t>{1, 7, 4096, 70000, 513}[i % 5]);
+      const float* pointers[2] = {planar[0].data() + done, planar[1].data() + done};
+      ASSERT_TRUE(background.Write(pointers, static_cast<int>(block)));
+      done += block;
+    }
+    background.Finish();
+    sink.Check();
+    writer.Commit();
+  }
+  EXPECT_EQ(ReadInts("background.wav"), ReadInts("direct.wav"));
+
+  AudioFileWriter closed(Path("closed.wav"), format, 2, 48000);
+  closed.Commit();
+  vexdsp::FileSink sink(closed);
+  vexdsp::BackgroundFileSink background(sink, 2);
+  const float* pointers[2] = {planar[0].data(), planar[1].data()};
+  bool refused = false;
+  for (int i = 0; i < 64 && !refused; ++i) refused = !background.Write(pointers, 4096);
+  EXPECT_TRUE(refused);
+  background.Finish();
+  EXPECT_THROW(sink.Check(), CliError);
+}
+
+// The read-ahead source hands out the file's frames in order for any block
+// sizes, across its slots, then says 0 at the end, again and again.
+TEST_F(AudioFileTest, BackgroundSourceReadsInOrderToTheEnd) {
+  const std::size_t frames = 200003;  // beyond the ring's three slots, not a multiple of anything
+  std::vector<std::vector<float>> planar(2, std::vector<float>(frames));
+  for (std::size_t i = 0; i < frames; ++i) {
+    planar[0][i] = static_cast<float>(i % 1000) / 1000.0f;
+    planar[1][i] = -static_cast<float>(i % 777) / 777.0f;
+  }
+  WriteFile("in.wav", SF_FORMAT_WAV | SF_FORMAT_FLOAT, planar);
+  for (int pass = 0; pass < 2; ++pass) {
+    AudioFileReader reader(Path("in.wav"));
+    vexdsp::FileSource source(reader);
+    vexdsp::BackgroundFileSource background(source, 2);
+    if (pass == 1) continue;  // destroyed while reading ahead: no hang, no leak
+    std::vector<std::vector<float>> got(2);
+    std::vector<float> a(70000), b(70000);
+    float* pointers[2] = {a.data(), b.data()};
+    for (int i = 0;; ++i) {
+      const int want = std::vector<int>{1, 7, 4096, 70000, 513}[static_cast<std::size_t>(i % 5)];
+      const int n = background.Read(pointers, want);
+      ASSERT_GE(n, 0);
+      ASSERT_LE(n, want);
+      if (n == 0) break;
+      got[0].insert(got[0].end(), a.begin(), a.begin() + n);
+      got[1].insert(got[1].end(), b.begin(), b.begin() + n);
+    }
+    EXPECT_EQ(background.Read(pointers, 10), 0);
+    EXPECT_EQ(got[0], planar[0]);
+    EXPECT_EQ(got[1], planar[1]);
+    EXPECT_EQ(source.GetFramesRead(), static_cast<std::int64_t>(frames));
+    source.Check();
+  }
 }
 
 // "-" reads standard input: the length is unknown until the stream ends,

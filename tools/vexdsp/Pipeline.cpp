@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 #include "CliError.h"
 #include "vexaccelerate/Utility.h"
@@ -92,6 +93,185 @@ bool FileSink::Write(const float* const* planar, int numFrames) {
 void FileSink::Check() const {
   if (!error_.empty()) {
     throw CliError(error_);
+  }
+}
+
+namespace {
+// Three slots of 64k frames: a hand-over every 1.4 s of 48 kHz audio, and
+// room to ride out a slow write.
+constexpr std::size_t kSlots = 3;
+constexpr int kSlotFrames = 65536;
+}  // namespace
+
+BackgroundFileSource::BackgroundFileSource(FileSource& source, int numChannels)
+    : source_(source), numChannels_(std::max(numChannels, 1)), slots_(kSlots) {
+  for (Slot& slot : slots_) {
+    slot.samples.resize(static_cast<std::size_t>(kSlotFrames) * static_cast<std::size_t>(numChannels_));
+  }
+  thread_ = std::thread([this] { Run(); });
+}
+
+BackgroundFileSource::~BackgroundFileSource() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  changed_.notify_all();
+  thread_.join();
+}
+
+void BackgroundFileSource::Run() {
+  std::vector<float*> planar(static_cast<std::size_t>(numChannels_));
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [this] { return queued_ < slots_.size() || stopping_; });
+    if (stopping_) {
+      return;
+    }
+    Slot& slot = slots_[(first_ + queued_) % slots_.size()];
+    lock.unlock();
+    for (std::size_t ch = 0; ch < planar.size(); ++ch) {
+      planar[ch] = slot.samples.data() + ch * static_cast<std::size_t>(kSlotFrames);
+    }
+    // Fill the slot unless the source ends or fails on the way.
+    int got = 0;
+    int read = 1;
+    while (got < kSlotFrames && read > 0) {
+      read = source_.Read(planar.data(), kSlotFrames - got);
+      if (read > 0) {
+        for (float*& p : planar) p += read;
+        got += read;
+      }
+    }
+    slot.numFrames = got > 0 ? got : read;
+    lock.lock();
+    ++queued_;
+    changed_.notify_all();
+    if (slot.numFrames <= 0) {
+      return;
+    }
+    if (read <= 0) {
+      // The end (or a failure) follows the frames of this slot.
+      changed_.wait(lock, [this] { return queued_ < slots_.size() || stopping_; });
+      if (stopping_) {
+        return;
+      }
+      slots_[(first_ + queued_) % slots_.size()].numFrames = read;
+      ++queued_;
+      changed_.notify_all();
+      return;
+    }
+  }
+}
+
+int BackgroundFileSource::Read(float* const* planar, int numFrames) {
+  if (numFrames < 1) {
+    return 0;
+  }
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait(lock, [this] { return queued_ > 0; });
+  const Slot& slot = slots_[first_];
+  if (slot.numFrames <= 0) {
+    return slot.numFrames;  // stays queued: every later call says the same
+  }
+  lock.unlock();
+  const int take = std::min(numFrames, slot.numFrames - position_);
+  for (int ch = 0; ch < numChannels_; ++ch) {
+    const float* from = slot.samples.data() + static_cast<std::size_t>(ch) * kSlotFrames + position_;
+    vexaccelerate::utility::Copy(static_cast<std::size_t>(take), from, planar[ch]);
+  }
+  position_ += take;
+  if (position_ == slot.numFrames) {
+    lock.lock();
+    position_ = 0;
+    first_ = (first_ + 1) % slots_.size();
+    --queued_;
+    lock.unlock();
+    changed_.notify_all();
+  }
+  return take;
+}
+
+BackgroundFileSink::BackgroundFileSink(FileSink& sink, int numChannels)
+    : sink_(sink), numChannels_(std::max(numChannels, 1)), slots_(kSlots) {
+  for (Slot& slot : slots_) {
+    slot.samples.resize(static_cast<std::size_t>(kSlotFrames) * static_cast<std::size_t>(numChannels_));
+  }
+  thread_ = std::thread([this] { Run(); });
+}
+
+BackgroundFileSink::~BackgroundFileSink() { Finish(); }
+
+bool BackgroundFileSink::Write(const float* const* planar, int numFrames) {
+  int done = 0;
+  while (done < numFrames) {
+    if (filling_ == nullptr) {
+      std::unique_lock<std::mutex> lock(mutex_);
+      changed_.wait(lock, [this] { return queued_ < slots_.size() || failed_; });
+      if (failed_ || finishing_) {
+        return false;
+      }
+      filling_ = &slots_[next_];
+      filling_->numFrames = 0;
+    }
+    const int take = std::min(numFrames - done, kSlotFrames - filling_->numFrames);
+    for (int ch = 0; ch < numChannels_; ++ch) {
+      float* to = filling_->samples.data() + static_cast<std::size_t>(ch) * kSlotFrames + filling_->numFrames;
+      vexaccelerate::utility::Copy(static_cast<std::size_t>(take), planar[ch] + done, to);
+    }
+    filling_->numFrames += take;
+    done += take;
+    if (filling_->numFrames == kSlotFrames) {
+      Hand();
+    }
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  return !failed_;
+}
+
+void BackgroundFileSink::Hand() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    next_ = (next_ + 1) % slots_.size();
+    ++queued_;
+  }
+  filling_ = nullptr;
+  changed_.notify_all();
+}
+
+void BackgroundFileSink::Run() {
+  std::vector<const float*> planar(static_cast<std::size_t>(numChannels_));
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [this] { return queued_ > 0 || finishing_; });
+    if (queued_ == 0) {
+      return;
+    }
+    const Slot& slot = slots_[(next_ + slots_.size() - queued_) % slots_.size()];
+    lock.unlock();
+    for (std::size_t ch = 0; ch < planar.size(); ++ch) {
+      planar[ch] = slot.samples.data() + ch * static_cast<std::size_t>(kSlotFrames);
+    }
+    const bool ok = sink_.Write(planar.data(), slot.numFrames);
+    lock.lock();
+    --queued_;
+    failed_ = failed_ || !ok;
+    changed_.notify_all();
+  }
+}
+
+void BackgroundFileSink::Finish() {
+  if (filling_ != nullptr && filling_->numFrames > 0) {
+    Hand();
+  }
+  filling_ = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    finishing_ = true;
+  }
+  changed_.notify_all();
+  if (thread_.joinable()) {
+    thread_.join();
   }
 }
 

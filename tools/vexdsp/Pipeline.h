@@ -1,8 +1,11 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "AudioFile.h"
@@ -53,6 +56,79 @@ class FileSink final : public dsp::host::FrameSink {
   AudioFileWriter& writer_;
   LevelMeter* meter_;
   std::string error_;
+};
+
+/// Reads a FileSource ahead on a thread of its own, so that decoding and
+/// the kernel's copy from the file overlap the processing of the blocks
+/// before. The source is read in large slots of a small ring, allocated
+/// once. Read hands out what the next slot holds (fewer frames than asked
+/// at a slot's end), then 0 at the end of the source, or -1 after a read
+/// error (kept by the FileSource for its Check()). No seeking. The source
+/// should end (a file, not a pipe that may stay open) or be read to its end:
+/// the destructor waits for the read under way. One consumer thread.
+class BackgroundFileSource final : public dsp::host::FrameSource {
+ public:
+  BackgroundFileSource(FileSource& source, int numChannels);
+  ~BackgroundFileSource() override;
+  BackgroundFileSource(const BackgroundFileSource&) = delete;
+  BackgroundFileSource& operator=(const BackgroundFileSource&) = delete;
+  int Read(float* const* planar, int numFrames) override;
+
+ private:
+  struct Slot {
+    std::vector<float> samples;  // planar: channel c at c * capacity
+    int numFrames = 0;           // 0: the source ended; -1: it failed
+  };
+  void Run();
+
+  FileSource& source_;
+  int numChannels_;
+  std::vector<Slot> slots_;
+  std::size_t first_ = 0;  // oldest queued slot
+  std::size_t queued_ = 0;
+  int position_ = 0;  // frames of the oldest slot handed out
+  bool stopping_ = false;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::thread thread_;
+};
+
+/// A FileSink whose writes run on a thread of their own, so that encoding
+/// and the kernel's copy into the file overlap the processing of the next
+/// blocks. Blocks are gathered into large slots (few hand-overs) of a small
+/// ring, allocated once; Write waits only while every slot is queued, and
+/// returns false once a write has failed. Call Finish() (the destructor does
+/// too) before FileSink::Check() and before committing the file: it hands
+/// over the last partial slot and waits until everything is written. One
+/// producer thread.
+class BackgroundFileSink final : public dsp::host::FrameSink {
+ public:
+  BackgroundFileSink(FileSink& sink, int numChannels);
+  ~BackgroundFileSink() override;
+  BackgroundFileSink(const BackgroundFileSink&) = delete;
+  BackgroundFileSink& operator=(const BackgroundFileSink&) = delete;
+  bool Write(const float* const* planar, int numFrames) override;
+  void Finish();
+
+ private:
+  struct Slot {
+    std::vector<float> samples;  // planar: channel c at c * capacity
+    int numFrames = 0;
+  };
+  void Hand();
+  void Run();
+
+  FileSink& sink_;
+  int numChannels_;
+  std::vector<Slot> slots_;
+  Slot* filling_ = nullptr;  // owned by the producer while not queued
+  std::size_t next_ = 0;     // slot the producer takes next
+  std::size_t queued_ = 0;
+  bool finishing_ = false;
+  bool failed_ = false;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::thread thread_;
 };
 
 /// Replaces NaN and infinite samples by 0; returns how many there were.

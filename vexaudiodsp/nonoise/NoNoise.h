@@ -89,8 +89,11 @@ struct VEXAUDIODSP_API NOISEREDUCER {
   double** lowLevel = nullptr;
   double** highLevel = nullptr;
   double** baseReduction = nullptr;
-  /// Per channel scratch: the frame's (smoothed) magnitudes.
-  double** magnitude = nullptr;
+  /// Scratch for one pair of channels, 2 x bins values each, the two
+  /// channels interleaved: the parts of the smoothing's rise and fall that
+  /// do not depend on this frame's neighbouring bins.
+  double* riseTerms = nullptr;
+  double* fallTerms = nullptr;
   double** inverseSpan = nullptr;
 };
 

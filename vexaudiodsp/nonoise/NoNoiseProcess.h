@@ -67,6 +67,10 @@ class VEXAUDIODSP_API NoNoiseProcess : public OverlapSave {
   void Suspend() override;
   void Resume() override;
 
+  /// Uses the portable kernels even where the CPU offers the AVX2/FMA ones
+  /// (for comparisons; both agree within rounding). Configuration call.
+  void SetPortableKernels(bool portable);
+
   NOISEREDUCER* CreateNoiseReducer();
   void DestroyNoiseReducer(NOISEREDUCER* reducer);
   const NOISEREDUCER* GetReducer() const { return reducer_; }
@@ -81,6 +85,7 @@ class VEXAUDIODSP_API NoNoiseProcess : public OverlapSave {
   NONOISE param_;
   NOISEREDUCER* reducer_ = nullptr;
   double maxReduction_ = 0.99;
+  bool vectorKernels_ = false;
 };
 
 }  // namespace nonoise

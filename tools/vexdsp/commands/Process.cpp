@@ -86,9 +86,18 @@ class ProcessCommand final : public Command {
     writer.SetQuantizer(MakeDitherQuantizer(dither, expected));
     FileSource source(reader, true);
     FileSink sink(writer);
+    BackgroundFileSink writing(sink, channels);
+    // A pipe on standard input may stay open; it is read directly.
+    std::unique_ptr<BackgroundFileSource> reading;
+    if (input_ != "-") {
+      reading = std::make_unique<BackgroundFileSource>(source, channels);
+    }
+    dsp::host::FrameSource& input = reading != nullptr ? static_cast<dsp::host::FrameSource&>(*reading) : source;
     Progress progress("processing", declared, rate);
-    const std::int64_t written = dsp::host::RenderProcess(chain->GetChain(), channels, source, sink, tail,
+    const std::int64_t written = dsp::host::RenderProcess(chain->GetChain(), channels, input, writing, tail,
                                                           [&](std::int64_t done) { progress.Update(done); });
+    reading.reset();
+    writing.Finish();
     progress.Finish();
     source.Check();
     source.WarnSilenced();

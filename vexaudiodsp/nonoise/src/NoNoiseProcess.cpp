@@ -48,12 +48,10 @@ inline double Select(bool pick, double a, double b) {
   return out;
 }
 
-void MagnitudesScalar(int count, const float* re, const float* im, double scale, double* m) {
-  for (int k = 0; k < count; ++k) {
-    const double x = re[k];
-    const double y = im[k];
-    m[k] = std::sqrt(x * x + y * y) * scale;
-  }
+inline double Magnitude(float re, float im, double scale) {
+  const double x = re;
+  const double y = im;
+  return std::sqrt(x * x + y * y) * scale;
 }
 
 // The case analysis of the rule, every case computed and the rule's order of
@@ -67,136 +65,264 @@ inline double BinGain(double m, double lo, double hi, double inverseSpan, double
   return Select(m != 0.0, 1.0 - std::min(base, v / m), 1.0);
 }
 
-void ScaleBinsScalar(int count, const double* magnitude, const double* lowLevel, const double* highLevel,
-                     const double* inverseSpan, const double* baseReduction, float* re, float* im) {
+// The cached per-bin terms of one channel.
+struct Band {
+  const double* low;
+  const double* high;
+  const double* inverseSpan;
+  const double* base;
+};
+
+// The smoothing, rearranged. With spread = 0.2 s[k-1] + 0.1 s[k-2] + R and
+// R = 0.2 S[k+1] + 0.1 S[k+2] + 0.4 m (previous frame's row and this
+// frame's magnitude, known before the bin-to-bin pass), the rise is
+// 0.186 s[k-1] + 0.093 s[k-2] + (0.93 R + 0.07 S[k]) and the fall
+// 0.2c s[k-1] + 0.1c s[k-2] + (c R + (1 - c) S[k]), c the complement.
+// Rise minus fall is (0.93 - c)(spread - S[k]), so the rule's choice is the
+// larger of the two when c < 0.93 and the smaller otherwise (at c = 0.93
+// they are equal): a max instead of a compare on the chain. Equal to the
+// rule up to rounding.
+struct SmoothingTerms {
+  double riseNear, riseFar, fallNear, fallFar, smoothing, complement;
+  bool keepLarger;
+};
+
+SmoothingTerms MakeSmoothingTerms(double smoothing, double complement) {
+  return {0.93 * 0.2, 0.93 * 0.1, complement * 0.2, complement * 0.1, smoothing, complement, complement < 0.93};
+}
+
+// Writes the bin-parallel parts of rise and fall of one channel into lane
+// `lane` of the pair arrays (bin k at 2k + lane), reading the previous row.
+void SpreadTermsScalar(int count, const float* re, const float* im, double scale, const double* row,
+                       const SmoothingTerms& t, int lane, double* rise, double* fall) {
   for (int k = 0; k < count; ++k) {
-    const double gain = BinGain(magnitude[k], lowLevel[k], highLevel[k], inverseSpan[k], baseReduction[k]);
+    const double rest = 0.2 * row[k + 1] + 0.1 * row[k + 2] + 0.4 * Magnitude(re[k], im[k], scale);
+    rise[2 * k + lane] = 0.93 * rest + 0.07 * row[k];
+    fall[2 * k + lane] = t.complement * rest + t.smoothing * row[k];
+  }
+}
+
+// The bin-to-bin pass of two chains in the two lanes of an SSE2 register:
+// one multiply, one add and a max on the chain per bin.
+template <bool kLarger>
+void SmoothPairSse2(int count, const SmoothingTerms& t, const double* rise, const double* fall, double* row0,
+                    double* row1) {
+  const __m128d riseNear = _mm_set1_pd(t.riseNear);
+  const __m128d riseFar = _mm_set1_pd(t.riseFar);
+  const __m128d fallNear = _mm_set1_pd(t.fallNear);
+  const __m128d fallFar = _mm_set1_pd(t.fallFar);
+  // Bins -1 and -2 lie outside the band: zero.
+  __m128d near = _mm_setzero_pd();
+  __m128d far = _mm_setzero_pd();
+  for (int k = 0; k < count; ++k) {
+    const __m128d up0 = _mm_add_pd(_mm_mul_pd(riseFar, far), _mm_loadu_pd(rise + 2 * k));
+    const __m128d down0 = _mm_add_pd(_mm_mul_pd(fallFar, far), _mm_loadu_pd(fall + 2 * k));
+    const __m128d up = _mm_add_pd(_mm_mul_pd(riseNear, near), up0);
+    const __m128d down = _mm_add_pd(_mm_mul_pd(fallNear, near), down0);
+    const __m128d s = kLarger ? _mm_max_pd(up, down) : _mm_min_pd(up, down);
+    _mm_storel_pd(row0 + k, s);
+    _mm_storeh_pd(row1 + k, s);
+    far = near;
+    near = s;
+  }
+}
+
+void ScaleBinsScalar(int count, const double* smoothed, double scale, const Band& band, float* re, float* im) {
+  for (int k = 0; k < count; ++k) {
+    const double m = smoothed != nullptr ? smoothed[k] : Magnitude(re[k], im[k], scale);
+    const double gain = BinGain(m, band.low[k], band.high[k], band.inverseSpan[k], band.base[k]);
     re[k] = static_cast<float>(re[k] * gain);
     im[k] = static_cast<float>(im[k] * gain);
   }
 }
 
+void MeasureScalar(int count, const float* re, const float* im, double scale, double* m) {
+  for (int k = 0; k < count; ++k) m[k] = Magnitude(re[k], im[k], scale);
+}
+
 #if defined(__x86_64__) && defined(__GNUC__)
-// Four bins at a time in double precision. No fused multiply-add, so the
+#define VEX_NONOISE_AVX2 1
+// Four bins at a time in double precision, no fused multiply-add: the
 // results equal the scalar ones bit for bit.
-__attribute__((target("avx2"))) void MagnitudesAvx2(int count, const float* re, const float* im, double scale,
-                                                    double* m) {
+__attribute__((target("avx2"))) inline __m256d MagnitudesAvx2(const float* re, const float* im, __m256d scale) {
+  const __m256d x = _mm256_cvtps_pd(_mm_loadu_ps(re));
+  const __m256d y = _mm256_cvtps_pd(_mm_loadu_ps(im));
+  return _mm256_mul_pd(_mm256_sqrt_pd(_mm256_add_pd(_mm256_mul_pd(x, x), _mm256_mul_pd(y, y))), scale);
+}
+
+__attribute__((target("avx2"))) void MeasureAvx2(int count, const float* re, const float* im, double scale, double* m) {
+  const __m256d s = _mm256_set1_pd(scale);
+  int k = 0;
+  for (; k + 4 <= count; k += 4) _mm256_storeu_pd(m + k, MagnitudesAvx2(re + k, im + k, s));
+  MeasureScalar(count - k, re + k, im + k, scale, m + k);
+}
+
+// The smoothing of a pair with AVX2 and FMA. Bins go in groups of four:
+// the bin-parallel terms of a group (both channels, interleaved into lanes)
+// are computed while the bin-to-bin chain runs through the group before,
+// which does not depend on them, so the square roots hide under the chain's
+// latency. The chain takes one fused multiply-add and a max per bin. The
+// terms of a group read the previous frame's row from bin k on, the chain
+// has written it only below k.
+template <bool kLarger>
+__attribute__((target("avx2,fma"))) void SmoothPairAvx2(int count, const float* const* re, const float* const* im,
+                                                        double scale, const SmoothingTerms& t, double* const* rows,
+                                                        double* rise, double* fall) {
+  const __m256d s = _mm256_set1_pd(scale);
+  const __m256d c01 = _mm256_set1_pd(0.1);
+  const __m256d c02 = _mm256_set1_pd(0.2);
+  const __m256d c04 = _mm256_set1_pd(0.4);
+  const __m256d c093 = _mm256_set1_pd(0.93);
+  const __m256d c007 = _mm256_set1_pd(0.07);
+  const __m256d comp = _mm256_set1_pd(t.complement);
+  const __m256d keep = _mm256_set1_pd(t.smoothing);
+  const __m128d riseNear = _mm_set1_pd(t.riseNear);
+  const __m128d riseFar = _mm_set1_pd(t.riseFar);
+  const __m128d fallNear = _mm_set1_pd(t.fallNear);
+  const __m128d fallFar = _mm_set1_pd(t.fallFar);
+  double* row0 = rows[0];
+  double* row1 = rows[1];
+  // Bins -1 and -2 lie outside the band: zero.
+  __m128d near = _mm_setzero_pd();
+  __m128d far = _mm_setzero_pd();
+  int chained = 0;
+  int k = 0;
+  for (; k + 4 <= count; k += 4) {
+    __m256d up[2], down[2];
+    for (int lane = 0; lane < 2; ++lane) {
+      const double* row = rows[lane];
+      const __m256d old = _mm256_loadu_pd(row + k);
+      const __m256d rest = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(c02, _mm256_loadu_pd(row + k + 1)),
+                                                       _mm256_mul_pd(c01, _mm256_loadu_pd(row + k + 2))),
+                                         _mm256_mul_pd(c04, MagnitudesAvx2(re[lane] + k, im[lane] + k, s)));
+      up[lane] = _mm256_add_pd(_mm256_mul_pd(c093, rest), _mm256_mul_pd(c007, old));
+      down[lane] = _mm256_add_pd(_mm256_mul_pd(comp, rest), _mm256_mul_pd(keep, old));
+    }
+    const __m256d upLow = _mm256_unpacklo_pd(up[0], up[1]);
+    const __m256d upHigh = _mm256_unpackhi_pd(up[0], up[1]);
+    const __m256d downLow = _mm256_unpacklo_pd(down[0], down[1]);
+    const __m256d downHigh = _mm256_unpackhi_pd(down[0], down[1]);
+    _mm256_storeu_pd(rise + 2 * k, _mm256_permute2f128_pd(upLow, upHigh, 0x20));
+    _mm256_storeu_pd(rise + 2 * k + 4, _mm256_permute2f128_pd(upLow, upHigh, 0x31));
+    _mm256_storeu_pd(fall + 2 * k, _mm256_permute2f128_pd(downLow, downHigh, 0x20));
+    _mm256_storeu_pd(fall + 2 * k + 4, _mm256_permute2f128_pd(downLow, downHigh, 0x31));
+    // The group before this one.
+    for (; chained < k; ++chained) {
+      const __m128d up0 = _mm_fmadd_pd(riseFar, far, _mm_loadu_pd(rise + 2 * chained));
+      const __m128d down0 = _mm_fmadd_pd(fallFar, far, _mm_loadu_pd(fall + 2 * chained));
+      const __m128d sm = kLarger ? _mm_max_pd(_mm_fmadd_pd(riseNear, near, up0), _mm_fmadd_pd(fallNear, near, down0))
+                                 : _mm_min_pd(_mm_fmadd_pd(riseNear, near, up0), _mm_fmadd_pd(fallNear, near, down0));
+      _mm_storel_pd(row0 + chained, sm);
+      _mm_storeh_pd(row1 + chained, sm);
+      far = near;
+      near = sm;
+    }
+  }
+  for (int lane = 0; lane < 2; ++lane) {
+    SpreadTermsScalar(count - k, re[lane] + k, im[lane] + k, scale, rows[lane] + k, t, lane, rise + 2 * k,
+                      fall + 2 * k);
+  }
+  for (; chained < count; ++chained) {
+    const __m128d up0 = _mm_fmadd_pd(riseFar, far, _mm_loadu_pd(rise + 2 * chained));
+    const __m128d down0 = _mm_fmadd_pd(fallFar, far, _mm_loadu_pd(fall + 2 * chained));
+    const __m128d sm = kLarger ? _mm_max_pd(_mm_fmadd_pd(riseNear, near, up0), _mm_fmadd_pd(fallNear, near, down0))
+                               : _mm_min_pd(_mm_fmadd_pd(riseNear, near, up0), _mm_fmadd_pd(fallNear, near, down0));
+    _mm_storel_pd(row0 + chained, sm);
+    _mm_storeh_pd(row1 + chained, sm);
+    far = near;
+    near = sm;
+  }
+}
+
+template <bool kMeasure>
+__attribute__((target("avx2"))) void ScaleBinsAvx2(int count, const double* smoothed, double scale, const Band& band,
+                                                   float* re, float* im) {
+  const __m256d one = _mm256_set1_pd(1.0);
+  const __m256d zero = _mm256_setzero_pd();
   const __m256d s = _mm256_set1_pd(scale);
   int k = 0;
   for (; k + 4 <= count; k += 4) {
-    const __m256d x = _mm256_cvtps_pd(_mm_loadu_ps(re + k));
-    const __m256d y = _mm256_cvtps_pd(_mm_loadu_ps(im + k));
-    const __m256d p = _mm256_add_pd(_mm256_mul_pd(x, x), _mm256_mul_pd(y, y));
-    _mm256_storeu_pd(m + k, _mm256_mul_pd(_mm256_sqrt_pd(p), s));
-  }
-  MagnitudesScalar(count - k, re + k, im + k, scale, m + k);
-}
-
-__attribute__((target("avx2"))) void ScaleBinsAvx2(int count, const double* magnitude, const double* lowLevel,
-                                                   const double* highLevel, const double* inverseSpan,
-                                                   const double* baseReduction, float* re, float* im) {
-  const __m256d one = _mm256_set1_pd(1.0);
-  const __m256d zero = _mm256_setzero_pd();
-  int k = 0;
-  for (; k + 4 <= count; k += 4) {
-    const __m256d m = _mm256_loadu_pd(magnitude + k);
-    const __m256d lo = _mm256_loadu_pd(lowLevel + k);
-    const __m256d hi = _mm256_loadu_pd(highLevel + k);
-    const __m256d base = _mm256_loadu_pd(baseReduction + k);
-    const __m256d inBand = _mm256_add_pd(
-        m, _mm256_mul_pd(_mm256_mul_pd(_mm256_sub_pd(m, lo), _mm256_loadu_pd(inverseSpan + k)), _mm256_sub_pd(hi, m)));
+    const __m256d m = kMeasure ? MagnitudesAvx2(re + k, im + k, s) : _mm256_loadu_pd(smoothed + k);
+    const __m256d lo = _mm256_loadu_pd(band.low + k);
+    const __m256d hi = _mm256_loadu_pd(band.high + k);
+    const __m256d base = _mm256_loadu_pd(band.base + k);
+    const __m256d inBand =
+        _mm256_add_pd(m, _mm256_mul_pd(_mm256_mul_pd(_mm256_sub_pd(m, lo), _mm256_loadu_pd(band.inverseSpan + k)),
+                                       _mm256_sub_pd(hi, m)));
     __m256d v = _mm256_blendv_pd(hi, inBand, _mm256_cmp_pd(hi, m, _CMP_GT_OQ));
     v = _mm256_blendv_pd(v, m, _mm256_cmp_pd(lo, m, _CMP_GT_OQ));
     // std::min(base, v / m) returns base unless v / m < base (NaN included).
-    const __m256d ratio = _mm256_div_pd(v, m);
-    const __m256d r = _mm256_blendv_pd(base, ratio, _mm256_cmp_pd(ratio, base, _CMP_LT_OQ));
+    // Mostly v / m is not below base (bins under the band have v = m), and
+    // the division, the slowest step, is skipped for such groups of four.
+    __m256d r = base;
+    if (_mm256_movemask_pd(_mm256_cmp_pd(v, _mm256_mul_pd(base, m), _CMP_NLT_UQ)) != 0xF) {
+      const __m256d ratio = _mm256_div_pd(v, m);
+      r = _mm256_blendv_pd(base, ratio, _mm256_cmp_pd(ratio, base, _CMP_LT_OQ));
+    }
     const __m256d gain = _mm256_blendv_pd(one, _mm256_sub_pd(one, r), _mm256_cmp_pd(m, zero, _CMP_NEQ_UQ));
     const __m256d xr = _mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(re + k)), gain);
     const __m256d xi = _mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(im + k)), gain);
     _mm_storeu_ps(re + k, _mm256_cvtpd_ps(xr));
     _mm_storeu_ps(im + k, _mm256_cvtpd_ps(xi));
   }
-  ScaleBinsScalar(count - k, magnitude + k, lowLevel + k, highLevel + k, inverseSpan + k, baseReduction + k, re + k,
-                  im + k);
+  const Band tail{band.low + k, band.high + k, band.inverseSpan + k, band.base + k};
+  ScaleBinsScalar(count - k, kMeasure ? nullptr : smoothed + k, scale, tail, re + k, im + k);
 }
 
-const bool kHasAvx2 = __builtin_cpu_supports("avx2");
+bool CpuHasVectorKernels() { return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"); }
 #else
-constexpr bool kHasAvx2 = false;
+bool CpuHasVectorKernels() { return false; }
 #endif
 
-void Magnitudes(int count, const float* re, const float* im, double scale, double* m) {
-#if defined(__x86_64__) && defined(__GNUC__)
-  if (kHasAvx2) return MagnitudesAvx2(count, re, im, scale, m);
+void Measure(bool vector, int count, const float* re, const float* im, double scale, double* m) {
+#ifdef VEX_NONOISE_AVX2
+  if (vector) return MeasureAvx2(count, re, im, scale, m);
 #endif
-  MagnitudesScalar(count, re, im, scale, m);
+  (void)vector;
+  MeasureScalar(count, re, im, scale, m);
 }
 
-void ScaleBins(int count, const double* magnitude, const double* lowLevel, const double* highLevel,
-               const double* inverseSpan, const double* baseReduction, float* re, float* im) {
-#if defined(__x86_64__) && defined(__GNUC__)
-  if (kHasAvx2) return ScaleBinsAvx2(count, magnitude, lowLevel, highLevel, inverseSpan, baseReduction, re, im);
-#endif
-  ScaleBinsScalar(count, magnitude, lowLevel, highLevel, inverseSpan, baseReduction, re, im);
-}
-
-// One pair of channels (or one channel twice), the two chains in the two
-// lanes of an SSE2 register. Rows of s hold the previous frame; bins k - 1
-// and k - 2 of this frame are carried in registers, so bins run in order.
-// The terms not involving s[k - 1] are gathered first, which leaves one
-// multiply and one add on the bin-to-bin chain: the rule's spread and both
-// updates with their s[k - 1] parts factored out (equal up to rounding).
-void SmoothPair(int count, double smoothing, double complement, double* m0, double* m1, double* s0, double* s1) {
-  const __m128d c01 = _mm_set1_pd(0.1);
-  const __m128d c02 = _mm_set1_pd(0.2);
-  const __m128d c04 = _mm_set1_pd(0.4);
-  const __m128d c093 = _mm_set1_pd(0.93);
-  const __m128d c007 = _mm_set1_pd(0.07);
-  const __m128d rise = _mm_set1_pd(0.93 * 0.2);
-  const __m128d fall = _mm_set1_pd(complement * 0.2);
-  const __m128d keep = _mm_set1_pd(smoothing);
-  const __m128d comp = _mm_set1_pd(complement);
-  // Bins -1 and -2 lie outside the band: zero.
-  __m128d prev1 = _mm_setzero_pd();
-  __m128d prev2 = _mm_setzero_pd();
-  for (int k = 0; k < count; ++k) {
-    const __m128d old = _mm_set_pd(s1[k], s0[k]);
-    const __m128d next1 = _mm_set_pd(s1[k + 1], s0[k + 1]);
-    const __m128d next2 = _mm_set_pd(s1[k + 2], s0[k + 2]);
-    const __m128d m = _mm_set_pd(m1[k], m0[k]);
-    const __m128d rest =
-        _mm_add_pd(_mm_add_pd(_mm_mul_pd(c02, next1), _mm_mul_pd(c01, _mm_add_pd(prev2, next2))), _mm_mul_pd(c04, m));
-    const __m128d up = _mm_add_pd(_mm_mul_pd(rise, prev1), _mm_add_pd(_mm_mul_pd(c093, rest), _mm_mul_pd(c007, old)));
-    const __m128d down = _mm_add_pd(_mm_mul_pd(fall, prev1), _mm_add_pd(_mm_mul_pd(comp, rest), _mm_mul_pd(keep, old)));
-    // spread > old, with the comparison moved off the chain: 0.2 s[k-1] >
-    // old - rest.
-    const __m128d rising = _mm_cmpgt_pd(_mm_mul_pd(c02, prev1), _mm_sub_pd(old, rest));
-    const __m128d smoothed = _mm_or_pd(_mm_and_pd(rising, up), _mm_andnot_pd(rising, down));
-    _mm_storel_pd(s0 + k, smoothed);
-    _mm_storeh_pd(s1 + k, smoothed);
-    _mm_storel_pd(m0 + k, smoothed);
-    _mm_storeh_pd(m1 + k, smoothed);
-    prev2 = prev1;
-    prev1 = smoothed;
+// Scales one channel's bins by the rule, against its smoothed magnitudes or,
+// when `smoothed` is null, against magnitudes measured on the way.
+void ScaleBins(bool vector, int count, const double* smoothed, double scale, const Band& band, float* re, float* im) {
+#ifdef VEX_NONOISE_AVX2
+  if (vector) {
+    if (smoothed == nullptr) return ScaleBinsAvx2<true>(count, nullptr, scale, band, re, im);
+    return ScaleBinsAvx2<false>(count, smoothed, scale, band, re, im);
   }
+#endif
+  (void)vector;
+  ScaleBinsScalar(count, smoothed, scale, band, re, im);
 }
 
-void Smooth(int count, int channels, double smoothing, double complement, double* const* magnitude,
-            double* const* rows) {
-  for (int c = 0; c < channels; c += 2) {
-    const int d = c + 1 < channels ? c + 1 : c;
-    SmoothPair(count, smoothing, complement, magnitude[c], magnitude[d], rows[c], rows[d]);
+// One pair of channels (or one channel in both lanes): the bin-parallel
+// terms first, then the bin-to-bin pass, whose two chains overlap.
+void SmoothPair(bool vector, int count, const float* const* re, const float* const* im, double scale,
+                const SmoothingTerms& t, double* const* rows, double* rise, double* fall) {
+  const double* previous[2] = {rows[0], rows[1]};
+#ifdef VEX_NONOISE_AVX2
+  if (vector) {
+    if (t.keepLarger) return SmoothPairAvx2<true>(count, re, im, scale, t, rows, rise, fall);
+    return SmoothPairAvx2<false>(count, re, im, scale, t, rows, rise, fall);
   }
+#endif
+  (void)vector;
+  for (int lane = 0; lane < 2; ++lane)
+    SpreadTermsScalar(count, re[lane], im[lane], scale, previous[lane], t, lane, rise, fall);
+  if (t.keepLarger) return SmoothPairSse2<true>(count, t, rise, fall, rows[0], rows[1]);
+  SmoothPairSse2<false>(count, t, rise, fall, rows[0], rows[1]);
 }
 
 }  // namespace
 
-NoNoiseProcess::NoNoiseProcess() {
+NoNoiseProcess::NoNoiseProcess() : vectorKernels_(CpuHasVectorKernels()) {
   SetDefaultParameter(&param_);
   SetupFrame();
 }
 
-NoNoiseProcess::NoNoiseProcess(const NONOISE* param) { Init(param); }
+NoNoiseProcess::NoNoiseProcess(const NONOISE* param) : vectorKernels_(CpuHasVectorKernels()) { Init(param); }
+
+void NoNoiseProcess::SetPortableKernels(bool portable) { vectorKernels_ = !portable && CpuHasVectorKernels(); }
 
 NoNoiseProcess::~NoNoiseProcess() {
   DestroyNoiseReducer(reducer_);
@@ -277,7 +403,8 @@ NOISEREDUCER* NoNoiseProcess::CreateNoiseReducer() {
   r->lowLevel = NewRows(r->channels, Count(r->bins));
   r->highLevel = NewRows(r->channels, Count(r->bins));
   r->baseReduction = NewRows(r->channels, Count(r->bins));
-  r->magnitude = NewRows(r->channels, Count(r->bins));
+  r->riseTerms = new double[2 * Count(r->bins)]();
+  r->fallTerms = new double[2 * Count(r->bins)]();
   r->inverseSpan = NewRows(r->channels, Count(r->bins));
   r->firstFrame = true;
   return r;
@@ -291,7 +418,8 @@ void NoNoiseProcess::DestroyNoiseReducer(NOISEREDUCER* r) {
   DeleteRows(r->lowLevel, r->channels);
   DeleteRows(r->highLevel, r->channels);
   DeleteRows(r->baseReduction, r->channels);
-  DeleteRows(r->magnitude, r->channels);
+  delete[] r->riseTerms;
+  delete[] r->fallTerms;
   DeleteRows(r->inverseSpan, r->channels);
   delete r;
 }
@@ -385,26 +513,31 @@ void NoNoiseProcess::OnAudio(float** data, int numChannels, int numSamples, bool
   RunFrames(data, numChannels, numSamples, param_.reductionDb != 0.0 && param_.mode == 2);
 }
 
-// Measure, smooth, scale: the first and last passes run bin-parallel
-// (vectorised, with an AVX2 clone where the CPU has it); only the smoothing,
-// whose bin k reads bins k - 1 and k - 2 of the same frame, is serial, and
-// it steps all channels together so their chains overlap.
+// Measure, smooth, scale: everything but the smoothing's bin-to-bin pass
+// runs bin-parallel (vectorised, with an AVX2 clone where the CPU has it);
+// the bin-to-bin pass steps two channels together so their chains overlap.
 void NoNoiseProcess::OnSpectrum(float** re, float** im, int channels, int bins) {
   NOISEREDUCER* r = reducer_;
   if (param_.reductionDb == 0.0 || r == nullptr || !HasArrays(&param_)) return;
   const int count = std::min(bins, r->bins);
   const int used = std::min(channels, std::min(r->channels, static_cast<int>(param_.channelCount)));
-  for (int c = 0; c < used; ++c) Magnitudes(count, re[c], im[c], r->magnitudeScale, r->magnitude[c]);
-  if (r->smoothing > 0.0) {
-    if (r->firstFrame) {
-      for (int c = 0; c < used; ++c) std::copy(r->magnitude[c], r->magnitude[c] + count, r->smoothingRows[c]);
-    } else {
-      Smooth(count, used, r->smoothing, r->smoothingComplement, r->magnitude, r->smoothingRows);
+  const double scale = r->magnitudeScale;
+  const bool smoothed = r->smoothing > 0.0;
+  if (smoothed && r->firstFrame) {
+    for (int c = 0; c < used; ++c) Measure(vectorKernels_, count, re[c], im[c], scale, r->smoothingRows[c]);
+  } else if (smoothed) {
+    const SmoothingTerms terms = MakeSmoothingTerms(r->smoothing, r->smoothingComplement);
+    for (int c = 0; c < used; c += 2) {
+      const int d = c + 1 < used ? c + 1 : c;
+      const float* pairRe[2] = {re[c], re[d]};
+      const float* pairIm[2] = {im[c], im[d]};
+      double* rows[2] = {r->smoothingRows[c], r->smoothingRows[d]};
+      SmoothPair(vectorKernels_, count, pairRe, pairIm, scale, terms, rows, r->riseTerms, r->fallTerms);
     }
   }
   for (int c = 0; c < used; ++c) {
-    ScaleBins(count, r->magnitude[c], r->lowLevel[c], r->highLevel[c], r->inverseSpan[c], r->baseReduction[c], re[c],
-              im[c]);
+    const Band band{r->lowLevel[c], r->highLevel[c], r->inverseSpan[c], r->baseReduction[c]};
+    ScaleBins(vectorKernels_, count, smoothed ? r->smoothingRows[c] : nullptr, scale, band, re[c], im[c]);
   }
   r->firstFrame = false;
 }

@@ -26,6 +26,9 @@ bool IsPowerOfTwo(int n) { return n > 0 && (n & (n - 1)) == 0; }
 
 std::size_t Size(int n) { return static_cast<std::size_t>(n); }
 
+// Float count rounded up to whole 64-byte lines.
+std::size_t Padded(std::size_t count) { return (count + 15) & ~std::size_t{15}; }
+
 }  // namespace
 
 OverlapSave::OverlapSave() = default;
@@ -114,9 +117,15 @@ bool OverlapSave::Allocate() {
   const std::size_t n = Size(fftSize_);
   const std::size_t bins = n / 2 + 1;
   // History gets room for 2N samples: frames slide along it and the tail
-  // moves back to the start only once every N / H frames.
-  const std::size_t perChannel = 2 * n + Size(regionLength_) + 2 * bins;
-  const std::size_t total = perChannel * Size(numChannels_) + 2 * n + 2;
+  // moves back to the start only once every N / H frames. Every piece starts
+  // on a 64-byte boundary: the transform engine sends unaligned buffers
+  // through two extra copies.
+  const std::size_t history = Padded(2 * n);
+  const std::size_t sums = Padded(Size(regionLength_));
+  const std::size_t half = Padded(bins);
+  const std::size_t perChannel = history + sums + 2 * half;
+  const std::size_t transformSize = Padded(n + 2);
+  const std::size_t total = perChannel * Size(numChannels_) + transformSize + Padded(n);
   block_ = vu::Malloc_Float(total);
   if (block_ == nullptr) return false;
   vu::Zero(total, block_);
@@ -127,13 +136,13 @@ bool OverlapSave::Allocate() {
   float* p = block_;
   for (std::size_t c = 0; c < Size(numChannels_); ++c) {
     history_[c] = p;
-    sums_[c] = p + 2 * n;
-    re_[c] = sums_[c] + regionLength_;
-    im_[c] = re_[c] + bins;
+    sums_[c] = p + history;
+    re_[c] = sums_[c] + sums;
+    im_[c] = re_[c] + half;
     p += perChannel;
   }
   transform_ = p;
-  windowed_ = p + n + 2;
+  windowed_ = p + transformSize;
   return true;
 }
 
@@ -255,28 +264,22 @@ void OverlapSave::RunFrame(int numChannels, bool alternative) {
     // Out of place: FFTW's in-place real transform spends an extra copy.
     vu::Mul(n, history_[Size(c)] + historyOffset_, scaledWindow_.data(), windowed_);
     fft_.FFT(windowed_, t, 1);
-    float* re = re_[Size(c)];
-    float* im = im_[Size(c)];
-    for (std::size_t k = 0; k < bins; ++k) {
-      re[k] = t[2 * k];
-      im[k] = t[2 * k + 1];
-    }
+    float* const split[2] = {re_[Size(c)], im_[Size(c)]};
+    vu::Deinterleave(t, 2, bins, split);
   }
   OnSpectrum(re_.data(), im_.data(), numChannels, static_cast<int>(bins));
 
   const float* weights = alternative ? segmentWeights_.data() : crossfadeWeights_.data();
   for (int c = 0; c < numChannels; ++c) {
-    const float* re = re_[Size(c)];
-    const float* im = im_[Size(c)];
-    for (std::size_t k = 0; k < bins; ++k) {
-      t[2 * k] = re[k];
-      t[2 * k + 1] = im[k];
-    }
-    fft_.FFT(t, -1);
+    const float* const split[2] = {re_[Size(c)], im_[Size(c)]};
+    vu::Interleave(split, 2, bins, t);
+    // Out of place as well: FFTW's in-place complex-to-real plan spends a
+    // copy of its own.
+    fft_.FFT(t, windowed_, -1);
     float* sums = sums_[Size(c)];
     vu::Move(region - hop, sums + hop, sums);
     vu::Zero(hop, sums + (region - hop));
-    const float* frame = t + regionStart_;
+    const float* frame = windowed_ + regionStart_;
     for (std::size_t u = 0; u < region; ++u) sums[u] += frame[u] * weights[u];
   }
   readPos_ = 0;
