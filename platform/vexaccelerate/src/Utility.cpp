@@ -150,8 +150,8 @@ VEX_KERNEL double SumK(std::size_t n, const float* src) { return SumKernel(n, sr
 VEX_KERNEL double SumK(std::size_t n, const double* src) { return SumKernel(n, src); }
 VEX_KERNEL float MaxK(std::size_t n, const float* src) { return MaxKernel(n, src); }
 VEX_KERNEL double MaxK(std::size_t n, const double* src) { return MaxKernel(n, src); }
-// Split <-> interleaved complex: the loops vectorise to unpack/permute
-// pairs once the AVX2 clone is taken.
+// Two arrays <-> pairs (split and interleaved complex, stereo): the loops
+// vectorise to unpack/permute pairs once the AVX2 clone is taken.
 template <typename T>
 VEX_INLINE void ZipKernel(std::size_t n, const T* __restrict re, const T* __restrict im, T* __restrict dst) {
   for (std::size_t i = 0; i < n; ++i) {
@@ -363,12 +363,7 @@ void ComplexToReal(std::size_t n, const double* src, double* re, double* im) noe
 
 void Interleave(const float* const* src, std::size_t channels, std::size_t n, float* dst) noexcept {
   if (channels == 2) {
-    const float* __restrict l = src[0];
-    const float* __restrict r = src[1];
-    for (std::size_t i = 0; i < n; ++i) {
-      dst[2 * i] = l[i];
-      dst[2 * i + 1] = r[i];
-    }
+    ZipK(n, src[0], src[1], dst);
     return;
   }
   for (std::size_t c = 0; c < channels; ++c) {
@@ -379,12 +374,7 @@ void Interleave(const float* const* src, std::size_t channels, std::size_t n, fl
 
 void Deinterleave(const float* src, std::size_t channels, std::size_t n, float* const* dst) noexcept {
   if (channels == 2) {
-    float* __restrict l = dst[0];
-    float* __restrict r = dst[1];
-    for (std::size_t i = 0; i < n; ++i) {
-      l[i] = src[2 * i];
-      r[i] = src[2 * i + 1];
-    }
+    UnzipK(n, src, dst[0], dst[1]);
     return;
   }
   for (std::size_t c = 0; c < channels; ++c) {

@@ -264,15 +264,13 @@ void OverlapSave::RunFrame(int numChannels, bool alternative) {
     // Out of place: FFTW's in-place real transform spends an extra copy.
     vu::Mul(n, history_[Size(c)] + historyOffset_, scaledWindow_.data(), windowed_);
     fft_.FFT(windowed_, t, 1);
-    float* const split[2] = {re_[Size(c)], im_[Size(c)]};
-    vu::Deinterleave(t, 2, bins, split);
+    vu::ComplexToReal(bins, t, re_[Size(c)], im_[Size(c)]);
   }
   OnSpectrum(re_.data(), im_.data(), numChannels, static_cast<int>(bins));
 
   const float* weights = alternative ? segmentWeights_.data() : crossfadeWeights_.data();
   for (int c = 0; c < numChannels; ++c) {
-    const float* const split[2] = {re_[Size(c)], im_[Size(c)]};
-    vu::Interleave(split, 2, bins, t);
+    vu::RealToComplex(bins, re_[Size(c)], im_[Size(c)], t);
     // Out of place as well: FFTW's in-place complex-to-real plan spends a
     // copy of its own.
     fft_.FFT(t, windowed_, -1);
