@@ -336,6 +336,17 @@ TEST(Resample, TablesAreSharedUntilPushedOutOfTheCache) {
   const std::vector<float> x = vextest::Noise(3000, 8);
   a.Reset();
   EXPECT_EQ(Convert(late, x), Convert(a, x)) << "a table kept alive after eviction still works";
+
+  // Rates that differ below a whole Hz share a key (an interpolated and an
+  // exact layout of 1000 phases here), so they must also want the same
+  // table: the one built first serves both.
+  dsp::Resample fractional, whole;
+  ASSERT_TRUE(fractional.SetSampleRates(1001.5f, 1000.0f));
+  ASSERT_TRUE(whole.SetSampleRates(1001.0f, 1000.0f));
+  ASSERT_TRUE(fractional.Initialize());
+  ASSERT_TRUE(whole.Initialize());
+  EXPECT_TRUE(whole.SharesTableWith(fractional));
+  EXPECT_EQ(whole.GetCutoffDivisor(), fractional.GetCutoffDivisor());
 }
 
 }  // namespace

@@ -24,7 +24,9 @@ struct ResampleTable;
 /// upsampling, the kernel's -6 dB point lies at (1 - T) * r / 2: the
 /// transition band is centred on the lower Nyquist frequency and
 /// nyquistShift moves it (1.31 puts the whole band below Nyquist when
-/// downsampling). At the defaults (255 taps, 150 dB, shift 0.3):
+/// downsampling). The rates enter truncated to whole Hz, as in the table
+/// cache's key, so every instance that shares a table wants that table. At
+/// the defaults (255 taps, 150 dB, shift 0.3):
 ///   48000 -> 44100: passband (within 0.01 dB) to 21.0 kHz, stop band
 ///     (>= 120 dB down) from 23.0 kHz on the input axis; a tone at 23 kHz
 ///     or above never reaches the output above -120 dB.

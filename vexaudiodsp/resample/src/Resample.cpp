@@ -228,8 +228,15 @@ void Resample::ChoosePhaseLayout() {
 
 double Resample::GetCutoffDivisor() const {
   if (sourceRate_ == destRate_) return 1.0;
-  const double ratio = phaseStep_ / layoutPhases_;
-  const bool down = sourceRate_ > destRate_;
+  // Instances share a table whenever the cache key matches, and the key
+  // holds the rates truncated to whole Hz; so the cut-off comes from those
+  // same whole rates, or 999.5 -> 1000 and 999 -> 1000 (one key) would get
+  // whichever cut-off was built first. For whole rates this is exactly the
+  // ratio of the phase layout; a fraction of a Hz moves it by under 0.1 %.
+  const double src = std::max(1.0, std::trunc(static_cast<double>(sourceRate_)));
+  const double dst = std::max(1.0, std::trunc(static_cast<double>(destRate_)));
+  const double ratio = src / dst;
+  const bool down = src > dst;
   const double transition = 12.5 / filterOrder_ * (down ? nyquistShift_ - 0.31 : 0.6 * nyquistShift_);
   // The kernel sinc(t / c) / c has its -6 dB point at 1 / (2c) cycles per
   // input sample; placing it at (1 - transition) times the lower Nyquist
