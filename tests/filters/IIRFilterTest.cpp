@@ -207,17 +207,6 @@ TEST(IIRFilter, ResponsesFollowTheTransferFunction) {
   EXPECT_NEAR(dsp::IIRFilter::GetMagnitudeResponse(0.2f, delay2, 2, 1), 1.0, 1e-12);
 }
 
-TEST(IIRFilter, ResponseMatchesTheFourierTransformOfTheImpulseResponse) {
-  dsp::IIRFilter f(2, kCascade.data(), 3);
-  std::vector<double> h(4096);
-  for (std::size_t n = 0; n < h.size(); ++n) h[n] = f.ProcessSingle(n == 0 ? 1.0 : 0.0);
-  for (double nf : {0.01, 0.05, 0.13, 0.31, 0.47}) {
-    Complex sum = 0.0;
-    for (std::size_t n = 0; n < h.size(); ++n) sum += h[n] * std::exp(Complex(0.0, -2.0 * kPi * nf * n));
-    EXPECT_NEAR(f.GetMagnitudeResponse(static_cast<float>(nf)), std::abs(sum), 1e-6 * std::abs(sum) + 1e-9) << nf;
-  }
-}
-
 TEST(IIRFilter, SilenceAfterALoudPassageDecaysToExactZeros) {
   // A resonant low-pass near DC rings longest.
   const double c[] = {1e-4, 2e-4, 1e-4, 1.0, -1.9990, 0.99904};

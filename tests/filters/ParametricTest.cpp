@@ -135,6 +135,17 @@ TEST(Parametric, ResponseFollowsTheBandsShelvesAndMix) {
   EXPECT_EQ(p.ComputeFilterResponse(1000), 30.0f) << "clamped to the display range";
   p.SetParameter(Parametric::kBypass, 1.0f);
   EXPECT_EQ(p.ComputeFilterResponse(1000), 0.0f);
+
+  // A positive tilt cuts below the 1 kHz pivot and lifts above it.
+  Parametric tilt;
+  tilt.SetParameter(Parametric::kSampleRate, 48000.0f);
+  tilt.SetParameter(Parametric::kTilt, 6.0f);
+  const Prototype below{1000, 0.5, -3}, above{1000, 0.5, 3};
+  for (double f : {30.0, 300.0, 3000.0, 18000.0}) {
+    EXPECT_NEAR(tilt.ComputeFilterResponse(static_cast<float>(f)),
+                20 * std::log10(std::abs(below.LowShelf(f) * above.HighShelf(f))), 1e-3)
+        << f;
+  }
 }
 
 TEST(Parametric, ButterworthSectionsHaveTheMaximallyFlatMagnitude) {

@@ -153,13 +153,31 @@ TEST(Itu1770, BlockGeometry) {
   EXPECT_EQ(meter.GetStepLength(), 4410u);
 }
 
-// EBU Tech 3341 cases 1-6 (1 kHz sines, levels in dBFS peak): integrated
-// loudness within +/- 0.1 LU of the published values. Cases 3 and 4 need the
-// relative gate, case 4 the absolute gate too, case 6 the surround weights.
-TEST(Itu1770, Tech3341IntegratedLoudness) {
-  EXPECT_NEAR(Measure(kStereo, ToneSequence(1000, 48000, {{-23, 20}})), -23.0, 0.1);
-  EXPECT_NEAR(Measure(kStereo, ToneSequence(1000, 48000, {{-33, 20}})), -33.0, 0.1);
-  EXPECT_NEAR(Measure(kStereo, ToneSequence(1000, 48000, {{-26, 20}, {-20, 20.1}, {-26, 20}})), -23.0, 0.1);
+// EBU Tech 3341 cases 1-5 (1 kHz sines, levels in dBFS peak): integrated
+// loudness within +/- 0.1 LU of the published values. Cases 3 to 5 need the
+// relative gate, case 4 the absolute gate too. Then the gates themselves: a
+// stereo tone at L dBFS reads L LKFS, so blocks 12 dB under a louder part
+// (0.74 LU above the relative gate) count, and a programme at -69 counts
+// while one at -71 is gated away entirely.
+TEST(Itu1770, Tech3341IntegratedLoudnessAndGates) {
+  struct Case {
+    std::vector<ToneSequence::Segment> segments;
+    float expected;
+  };
+  const Case cases[] = {
+      {{{-23, 20}}, -23.0f},
+      {{{-33, 20}}, -33.0f},
+      {{{-36, 10}, {-23, 60}, {-36, 10}}, -23.0f},
+      {{{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, -23.0f},
+      {{{-26, 20}, {-20, 20.1}, {-26, 20}}, -23.0f},
+      {{{-20, 20}, {-32, 20}}, static_cast<float>(-20.0 + 10.0 * std::log10((1.0 + std::pow(10.0, -1.2)) / 2.0))},
+      {{{-69, 10}}, -69.0f},
+      {{{-71, 10}}, -300.0f},
+  };
+  for (const Case& c : cases) {
+    EXPECT_NEAR(Measure(kStereo, ToneSequence(1000, 48000, c.segments)), c.expected, 0.1)
+        << c.segments.size() << " segments from " << c.segments[0].dbfs << " dBFS";
+  }
 
   // Case 6, 5.0: L and R at -28, C at -24, Ls and Rs at -30 dBFS, and an LFE
   // channel carrying a loud tone that must be ignored.
@@ -177,12 +195,6 @@ TEST(Itu1770, Tech3341IntegratedLoudness) {
     meter.Process(ptr.data(), std::min<std::size_t>(4096, data[0].size() - i));
   }
   EXPECT_NEAR(meter.GetLKFS(), -23.0, 0.1);
-}
-
-TEST(Itu1770, Tech3341GatedSequences) {
-  EXPECT_NEAR(Measure(kStereo, ToneSequence(1000, 48000, {{-36, 10}, {-23, 60}, {-36, 10}})), -23.0, 0.1);
-  EXPECT_NEAR(Measure(kStereo, ToneSequence(1000, 48000, {{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}})),
-              -23.0, 0.1);
 }
 
 // BS.1770: a 997 Hz sine at 0 dBFS in one front channel reads -3.01 LKFS,

@@ -156,7 +156,6 @@ TEST(PlateReverbElements, CombAndAllPassFollowTheirDifferenceEquations) {
   comb.SetFeedback(0.9f);
   comb.SetDampingHF(0.3f);
   comb.SetDampingLF(0.2f);
-  EXPECT_FLOAT_EQ(comb.GetDampingHF(), 0.3f);
   std::vector<double> ring(5, 0.0);
   double lp = 0, low = 0;
   const std::vector<float> x = vextest::Noise(200, 1);
@@ -198,7 +197,9 @@ TEST(PlateReverb, NewObjectPassesItsInputUnchanged) {
 }
 
 // Whole outputs against the model: stereo with cross-feed, reflections and
-// damping, mono, and three channels (no cross-feed, 23-sample spread).
+// damping, mono, and three channels (no cross-feed, 23-sample spread); then
+// a low cut above Nyquist (the wet path goes silent) and a high cut above it
+// (no high cut).
 TEST(PlateReverb, MatchesTheReferenceModel) {
   Settings s;
   s.dry = 60;
@@ -217,88 +218,36 @@ TEST(PlateReverb, MatchesTheReferenceModel) {
       PlateReverb reverb(rate, static_cast<int>(channels));
       s.Apply(reverb);
       const Planar x = Noise(channels, 6000, 10);
-      const Planar want = ReferencePlate(s, rate, x);
-      const Planar got = Process(reverb, x, 1000);
-      EXPECT_LT(MaxDiff(got, want), 2e-5) << channels << " channels at " << rate;
+      EXPECT_LT(MaxDiff(Process(reverb, x, 1000), ReferencePlate(s, rate, x)), 2e-5)
+          << channels << " channels at " << rate;
     }
   }
-}
-
-// The first echo comes from the shortest comb, undelayed by the diffusers
-// (their four inversions cancel); channels further along are 23 samples
-// later each. The value is the input gain through the low cut.
-TEST(PlateReverb, ImpulseReachesTheOutputAtTheShortestComb) {
-  PlateReverb reverb(48000.0f, 3);
-  Settings s;
-  s.dry = 0;
-  s.wet = 100;
-  s.lowF = 1;
-  s.lowQ = 0.7071;
-  s.highF = 30000;  // above Nyquist: no high cut
-  s.Apply(reverb);
-  Planar x(3, std::vector<float>(1300, 0.0f));
-  x[0][0] = 1.0f;
-  const Planar y = Process(reverb, x, 512);
-  const double w = 2 * kPi / 48000, hpB0 = (1 + std::cos(w)) / 2 / (1 + std::sin(w) / (2 * 0.7071));
-  for (std::size_t ch = 0; ch < 3; ++ch) {
-    const std::size_t first = 1116 + 23 * ch;
-    for (std::size_t n = 0; n < first; ++n) ASSERT_EQ(y[ch][n], 0.0f) << "channel " << ch << " frame " << n;
-    EXPECT_NEAR(y[ch][first], 0.015 * hpB0, 1e-7) << "channel " << ch;
+  const Planar x = Noise(2, 3000, 5);
+  s.lowF = 40000;
+  PlateReverb silent(48000.0f, 2);
+  s.Apply(silent);
+  const Planar y = Process(silent, x, 3000);
+  for (std::size_t ch = 0; ch < 2; ++ch) {
+    for (std::size_t n = 0; n < 3000; ++n) ASSERT_FLOAT_EQ(y[ch][n], 0.6f * x[ch][n]);
   }
+  s.lowF = 20;
+  s.highF = 40000;
+  PlateReverb open(48000.0f, 2);
+  s.Apply(open);
+  EXPECT_LT(MaxDiff(Process(open, x, 3000), ReferencePlate(s, 48000, x)), 2e-5);
 }
 
 // Room size 1 gives comb feedback 0.98, never 1; the reflections line is
-// held to its 100 ms reserve. (Gains, damping and lengths are covered by the
-// model above.)
-TEST(PlateReverb, RoomSizeAndReflectionsLine) {
+// held to its 100 ms reserve and to at least one sample.
+TEST(PlateReverb, RoomSizeAndReflectionsLineLimits) {
   PlateReverb reverb(48000.0f, 2);
-  EXPECT_FLOAT_EQ(reverb.GetComb(0, 3).GetFeedback(), 0.924f);
   reverb.SetRoomSize(1.0f);
   EXPECT_FLOAT_EQ(reverb.GetComb(1, 7).GetFeedback(), 0.98f);
-  reverb.SetRoomSize(0.0f);
-  EXPECT_FLOAT_EQ(reverb.GetComb(0, 0).GetFeedback(), 0.7f);
-  reverb.SetReflectionsDelay(10.0f);
-  EXPECT_EQ(reverb.GetReflectionsLength(), 480u);
   reverb.SetReflectionsDelay(500.0f);
   EXPECT_EQ(reverb.GetReflectionsDelay(), 500.0f);
   EXPECT_EQ(reverb.GetReflectionsLength(), 4800u);
   reverb.SetReflectionsDelay(-3.0f);
   EXPECT_EQ(reverb.GetReflectionsLength(), 1u);
-}
-
-// 10 ms at 48 kHz delays the wet path by 479 samples, exactly.
-TEST(PlateReverb, ReflectionsDelayIsOneSampleShortOfItsLine) {
-  Settings s;
-  s.dry = 0;
-  s.wet = 100;
-  PlateReverb plain(48000.0f, 2), delayed(48000.0f, 2);
-  s.Apply(plain);
-  s.reflMs = 10;
-  s.Apply(delayed);
-  const Planar x = Noise(2, 4000, 4);
-  const Planar a = Process(plain, x, 4000), b = Process(delayed, x, 333);
-  for (std::size_t ch = 0; ch < 2; ++ch) {
-    for (std::size_t n = 0; n < 4000; ++n) ASSERT_EQ(b[ch][n], n < 479 ? 0.0f : a[ch][n - 479]) << n;
-  }
-}
-
-TEST(PlateReverb, CutoffsAboveNyquist) {
-  const Planar x = Noise(2, 3000, 5);
-  Settings s;
-  s.dry = 50;
-  s.wet = 100;
-  s.lowF = 40000;  // low cut above Nyquist: the wet path goes silent
-  PlateReverb silent(48000.0f, 2);
-  s.Apply(silent);
-  const Planar y = Process(silent, x, 3000);
-  for (std::size_t ch = 0; ch < 2; ++ch) {
-    for (std::size_t n = 0; n < 3000; ++n) ASSERT_FLOAT_EQ(y[ch][n], 0.5f * x[ch][n]);
-  }
-  s.lowF = 20;
-  s.highF = 40000;  // high cut above Nyquist: unfiltered (the model agrees)
-  PlateReverb open(48000.0f, 2);
-  s.Apply(open);
-  EXPECT_LT(MaxDiff(Process(open, x, 3000), ReferencePlate(s, 48000, x)), 2e-5);
 }
 
 // Any split gives the same output; Reset restarts exactly like a fresh
@@ -308,6 +257,7 @@ TEST(PlateReverb, BlockSplitResetAndAllocation) {
   s.wet = 70;
   s.reflMs = 7;
   s.width = 0.5;
+  s.dampLF = 0.4;  // so that every comb state matters to Reset
   const Planar x = Noise(2, 12000, 6);
   PlateReverb whole(48000.0f, 2);
   s.Apply(whole);

@@ -20,7 +20,9 @@ std::vector<float> Excite(HarmonicExciter& exciter, std::vector<float> x) {
   return x;
 }
 
-TEST(HarmonicExciter, AmountZeroPassesEveryModeUntouched) {
+// Amount 0 or below in every mode, an unknown mode, a mix of 0 and (for the
+// tube) silence pass the input bit for bit.
+TEST(HarmonicExciter, NeutralSettingsPassTheInput) {
   const std::vector<float> noise = vextest::Noise(300, 1);
   for (unsigned mode : {0u, 1u, 2u, 3u}) {
     HarmonicExciter exciter(48000.0f, 1);
@@ -28,11 +30,14 @@ TEST(HarmonicExciter, AmountZeroPassesEveryModeUntouched) {
     EXPECT_EQ(Excite(exciter, noise), noise) << "mode " << mode;
     exciter.SetAmount(-3.0f);
     EXPECT_EQ(Excite(exciter, noise), noise) << "mode " << mode;
+    exciter.SetAmount(mode == 3 ? 6.0f : 15.0f);
+    exciter.SetMixPercent(mode == 3 ? 100.0f : 0.0f);
+    EXPECT_EQ(Excite(exciter, noise), noise) << "mode " << mode << ", mix 0 or unknown mode";
   }
-  HarmonicExciter exciter(48000.0f, 1);
-  exciter.SetAmount(6.0f);
-  exciter.SetMode(3);
-  EXPECT_EQ(Excite(exciter, noise), noise) << "an unknown mode leaves the audio";
+  HarmonicExciter tube(48000.0f, 1);
+  tube.SetAmount(15.0f);
+  EXPECT_EQ(Excite(tube, std::vector<float>(500, 0.0f)), std::vector<float>(500, 0.0f));
+  EXPECT_EQ(tube.GetEnvelope(0), 0.0f);
 }
 
 // Retro: y = g x through 1 - 1/(1 + y), mirrored; reference in double.
@@ -73,10 +78,6 @@ TEST(HarmonicExciter, TapeNormalisesFullScaleAndDrivesTenDbHarder) {
   for (std::size_t i = 0; i < x.size(); ++i) {
     ASSERT_NEAR(y[i], 0.75 * x[i] + 0.25 * std::sin(drive * x[i]) / std::sin(0.8 * kPi / 2), 1e-5) << i;
   }
-  exciter.SetMixPercent(0.0f);
-  EXPECT_EQ(Excite(exciter, x), x);
-  exciter.SetMode(HarmonicExciter::kRetro);
-  EXPECT_EQ(Excite(exciter, x), x);
 }
 
 // Tube: the envelope follower and the polynomial, against a double-precision
@@ -86,7 +87,6 @@ TEST(HarmonicExciter, TubeFollowsTheEnvelopePerChannel) {
     HarmonicExciter exciter(rate, 2);
     const double nyq = rate / 2.0;
     const double c = 1.0 - std::exp(-40.0 * std::pow(nyq / 200.0, 0.7) / nyq);
-    EXPECT_NEAR(exciter.GetEnvelopeCoefficient(), c, 1e-7);
     EXPECT_NEAR(exciter.GetEnvelopeCoefficient(), rate == 44100.0f ? 0.0476 : 0.0465, 5e-5);
 
     const float amount = 11.0f, mix = 70.0f;
@@ -122,16 +122,6 @@ TEST(HarmonicExciter, TubeFollowsTheEnvelopePerChannel) {
     exciter.ClearEnvelopes();
     EXPECT_EQ(exciter.GetEnvelope(0), 0.0f);
   }
-}
-
-TEST(HarmonicExciter, TubeSilenceAndMixZero) {
-  HarmonicExciter exciter(48000.0f, 1);
-  exciter.SetAmount(15.0f);
-  EXPECT_EQ(Excite(exciter, std::vector<float>(500, 0.0f)), std::vector<float>(500, 0.0f));
-  EXPECT_EQ(exciter.GetEnvelope(0), 0.0f);
-  exciter.SetMixPercent(0.0f);
-  const std::vector<float> x = vextest::Noise(500, 6);
-  EXPECT_EQ(Excite(exciter, x), x);
 }
 
 // Channel count changes keep old envelopes and add zeros; NaN settings are

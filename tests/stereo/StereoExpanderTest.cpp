@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include "support/AllocationCounter.h"
@@ -52,17 +53,13 @@ TEST(StereoExpander, MatrixAtTheDesignPoints) {
 TEST(StereoExpander, ShiftMovesTheCentreAndWidthScalesTheSide) {
   StereoExpanderDSP expander;
   expander.SetParameter(1, 50.0f);
-  expander.Resume();
-  const float* m = expander.GetMatrix();
-  // Mid (L + R)/2 kept, side (L - R)/2 halved: m0 = m3 = 0.75, m1 = m2 = 0.25.
-  EXPECT_NEAR(m[0], 0.75f, 1e-6);
-  EXPECT_NEAR(m[1], 0.25f, 1e-6);
-  EXPECT_NEAR(m[2], 0.25f, 1e-6);
-  EXPECT_NEAR(m[3], 0.75f, 1e-6);
+  // Mid (L + R)/2 kept, side (L - R)/2 halved.
+  ExpectMatrix(expander, 0.75f, 0.25f, 0.25f, 0.75f);
 
   expander.SetParameter(0, 50.0f);
   expander.SetParameter(1, 100.0f);
   expander.Resume();
+  const float* m = expander.GetMatrix();
   const float centreL = m[0] + m[2];
   const float centreR = m[1] + m[3];
   EXPECT_GT(centreR, centreL) << "a positive shift moves the centre to the right";
@@ -123,11 +120,9 @@ TEST(StereoExpander, InPlaceChannelCountsAndIndexes) {
   expander.GetBounds(2, lo, hi);
   EXPECT_EQ(lo, -7.0f);
   expander.GetBounds(0, lo, hi);
-  EXPECT_EQ(lo, -100.0f);
-  EXPECT_EQ(hi, 100.0f);
+  EXPECT_EQ(std::make_pair(lo, hi), std::make_pair(-100.0f, 100.0f));
   expander.GetBounds(1, lo, hi);
-  EXPECT_EQ(lo, 0.0f);
-  EXPECT_EQ(hi, 300.0f);
+  EXPECT_EQ(std::make_pair(lo, hi), std::make_pair(0.0f, 300.0f));
   // Values beyond the bounds are stored as given.
   expander.SetParameter(1, 400.0f);
   EXPECT_EQ(expander.GetParameter(1), 400.0f);
