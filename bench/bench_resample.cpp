@@ -8,7 +8,6 @@
 #include <samplerate.h>
 #include <sndfile.h>
 #include <soxr.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +19,7 @@
 #include <vector>
 
 #include "BenchSupport.h"
+#include "CommandBench.h"
 #include "vexaccelerate/Transform.h"
 #include "vexaudiodsp/resample/Resample.h"
 
@@ -179,22 +179,13 @@ constexpr double kSegmentSeconds = 2.0;
 constexpr double kLevel = 0.5;
 const double kTones[] = {997.0, 5000.0, 11025.0, 15000.0, 19000.0, 20000.0};
 
-std::string FindVexdsp() {
-  if (const char* env = std::getenv("VEXDSP_BINARY")) return env;
-  const fs::path self = fs::read_symlink("/proc/self/exe").parent_path();
-  for (const fs::path& p : {self / "../tools/vexdsp/vexdsp", self / "../tests/tools/vexdsp/vexdsp"}) {
-    if (fs::exists(p)) return fs::canonical(p).string();
-  }
-  return {};
-}
-
 struct CommandFiles {
   fs::path dir;
   std::string vexdsp;
   bool ready = false;
 
   CommandFiles() {
-    vexdsp = FindVexdsp();
+    vexdsp = vexbench::FindVexdsp();
     dir = fs::temp_directory_path() / ("vexdsp-bench-resample-" + std::to_string(getpid()));
     fs::create_directories(dir);
     SF_INFO info{};
@@ -222,13 +213,6 @@ struct CommandFiles {
 CommandFiles& Files() {
   static CommandFiles files;
   return files;
-}
-
-double ChildCpuSeconds() {
-  rusage usage{};
-  getrusage(RUSAGE_CHILDREN, &usage);
-  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-         1e-6 * static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
 }
 
 struct FileQuality {
@@ -279,19 +263,8 @@ void RunCommand(benchmark::State& state, const std::string& command) {
     state.SkipWithError("vexdsp, sox or the input file is not available");
     return;
   }
-  double cpu = 0.0;
-  for (auto _ : state) {
-    const double before = ChildCpuSeconds();
-    if (std::system(command.c_str()) != 0) {
-      state.SkipWithError(("failed: " + command).c_str());
-      return;
-    }
-    cpu += ChildCpuSeconds() - before;
-  }
+  if (!vexbench::TimeCommand(state, command, kCommandSeconds)) return;
   const FileQuality q = MeasureFile(files.dir / "out.wav");
-  state.counters["x_realtime"] = benchmark::Counter(
-      static_cast<double>(kCommandSeconds) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
-  state.counters["child_cpu_s"] = cpu / static_cast<double>(state.iterations());
   state.counters["worst_spur_dBc"] = q.worstSpur;
   state.counters["alias_23k_dB"] = q.aliasAnyBin;
   state.counters["alias_21k1_line_dB"] = q.aliasLine;

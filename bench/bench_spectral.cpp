@@ -11,7 +11,6 @@
 // 440 Hz and 3 kHz bursts against the clean tones). The command benchmarks need the vexdsp binary (found beside
 // this program in the build tree, or VEXDSP_BINARY) and sox on PATH.
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -25,6 +24,7 @@
 #include <vector>
 
 #include "BenchSupport.h"
+#include "CommandBench.h"
 #include "vexaudiodsp/host/Render.h"
 #include "vexaudiodsp/nonoise/NoNoiseProcess.h"
 #include "vexaudiodsp/nonoise/NoisePrint.h"
@@ -173,15 +173,6 @@ double ToneChangeDb(const QualitySignal& q, const std::vector<float>& out) {
   return 10.0 * std::log10(std::max(kept, 1e-30) / in);
 }
 
-std::string FindVexdsp() {
-  if (const char* env = std::getenv("VEXDSP_BINARY")) return env;
-  const fs::path self = fs::read_symlink("/proc/self/exe").parent_path();
-  for (const fs::path& p : {self / "../tools/vexdsp/vexdsp", self / "../tests/tools/vexdsp/vexdsp"}) {
-    if (fs::exists(p)) return fs::canonical(p).string();
-  }
-  return {};
-}
-
 struct CommandBench {
   fs::path dir;
   QualitySignal q;
@@ -189,7 +180,7 @@ struct CommandBench {
   bool ready = false;
 
   CommandBench() {
-    vexdsp = FindVexdsp();
+    vexdsp = vexbench::FindVexdsp();
     dir = fs::temp_directory_path() / ("vexdsp-bench-spectral-" + std::to_string(getpid()));
     fs::create_directories(dir);
     q = MakeQuality(600 * static_cast<std::size_t>(kRate));
@@ -209,31 +200,13 @@ CommandBench& Commands() {
   return bench;
 }
 
-double ChildCpuSeconds() {
-  rusage usage{};
-  getrusage(RUSAGE_CHILDREN, &usage);
-  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-         1e-6 * static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
-}
-
 void RunCommand(benchmark::State& state, const std::string& command) {
   CommandBench& b = Commands();
   if (!b.ready) {
     state.SkipWithError("vexdsp or sox not available");
     return;
   }
-  double cpu = 0.0;
-  for (auto _ : state) {
-    const double before = ChildCpuSeconds();
-    if (std::system(command.c_str()) != 0) {
-      state.SkipWithError(("failed: " + command).c_str());
-      return;
-    }
-    cpu += ChildCpuSeconds() - before;
-  }
-  const double seconds = 600.0 * static_cast<double>(state.iterations());
-  state.counters["x_realtime"] = benchmark::Counter(seconds, benchmark::Counter::kIsRate);
-  state.counters["child_cpu_s"] = cpu / static_cast<double>(state.iterations());
+  if (!vexbench::TimeCommand(state, command, 600.0)) return;
   const std::vector<float> out = ReadWavLeft(b.dir / "out.wav");
   state.counters["reduction_db"] = GapReductionDb(b.q, out);
   state.counters["tone_db"] = ToneChangeDb(b.q, out);
