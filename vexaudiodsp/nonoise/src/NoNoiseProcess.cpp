@@ -164,6 +164,37 @@ __attribute__((target("avx2"))) void MeasureAvx2(int count, const float* re, con
 // latency. The chain takes one fused multiply-add and a max per bin. The
 // terms of a group read the previous frame's row from bin k on, the chain
 // has written it only below k.
+// The serial part of the smoothing for both channels at once (one lane
+// each): bin k from its gathered terms and the two bins below it, which the
+// chain itself has just written.
+template <bool kLarger>
+struct SmoothingChain {
+  __attribute__((target("avx2,fma"))) explicit SmoothingChain(const SmoothingTerms& t)
+      : riseNear(_mm_set1_pd(t.riseNear)),
+        riseFar(_mm_set1_pd(t.riseFar)),
+        fallNear(_mm_set1_pd(t.fallNear)),
+        fallFar(_mm_set1_pd(t.fallFar)) {}
+
+  __attribute__((target("avx2,fma"), always_inline)) inline void Run(int from, int to, const double* rise,
+                                                                     const double* fall, double* row0, double* row1) {
+    for (int k = from; k < to; ++k) {
+      const __m128d up = _mm_fmadd_pd(riseFar, far, _mm_loadu_pd(rise + 2 * k));
+      const __m128d down = _mm_fmadd_pd(fallFar, far, _mm_loadu_pd(fall + 2 * k));
+      const __m128d sm = kLarger ? _mm_max_pd(_mm_fmadd_pd(riseNear, near, up), _mm_fmadd_pd(fallNear, near, down))
+                                 : _mm_min_pd(_mm_fmadd_pd(riseNear, near, up), _mm_fmadd_pd(fallNear, near, down));
+      _mm_storel_pd(row0 + k, sm);
+      _mm_storeh_pd(row1 + k, sm);
+      far = near;
+      near = sm;
+    }
+  }
+
+  __m128d riseNear, riseFar, fallNear, fallFar;
+  // Bins -1 and -2 lie outside the band: zero.
+  __m128d near = _mm_setzero_pd();
+  __m128d far = _mm_setzero_pd();
+};
+
 template <bool kLarger>
 __attribute__((target("avx2,fma"))) void SmoothPairAvx2(int count, const float* const* re, const float* const* im,
                                                         double scale, const SmoothingTerms& t, double* const* rows,
@@ -176,15 +207,9 @@ __attribute__((target("avx2,fma"))) void SmoothPairAvx2(int count, const float* 
   const __m256d c007 = _mm256_set1_pd(0.07);
   const __m256d comp = _mm256_set1_pd(t.complement);
   const __m256d keep = _mm256_set1_pd(t.smoothing);
-  const __m128d riseNear = _mm_set1_pd(t.riseNear);
-  const __m128d riseFar = _mm_set1_pd(t.riseFar);
-  const __m128d fallNear = _mm_set1_pd(t.fallNear);
-  const __m128d fallFar = _mm_set1_pd(t.fallFar);
+  SmoothingChain<kLarger> chain(t);
   double* row0 = rows[0];
   double* row1 = rows[1];
-  // Bins -1 and -2 lie outside the band: zero.
-  __m128d near = _mm_setzero_pd();
-  __m128d far = _mm_setzero_pd();
   int chained = 0;
   int k = 0;
   for (; k + 4 <= count; k += 4) {
@@ -207,31 +232,14 @@ __attribute__((target("avx2,fma"))) void SmoothPairAvx2(int count, const float* 
     _mm256_storeu_pd(fall + 2 * k, _mm256_permute2f128_pd(downLow, downHigh, 0x20));
     _mm256_storeu_pd(fall + 2 * k + 4, _mm256_permute2f128_pd(downLow, downHigh, 0x31));
     // The group before this one.
-    for (; chained < k; ++chained) {
-      const __m128d up0 = _mm_fmadd_pd(riseFar, far, _mm_loadu_pd(rise + 2 * chained));
-      const __m128d down0 = _mm_fmadd_pd(fallFar, far, _mm_loadu_pd(fall + 2 * chained));
-      const __m128d sm = kLarger ? _mm_max_pd(_mm_fmadd_pd(riseNear, near, up0), _mm_fmadd_pd(fallNear, near, down0))
-                                 : _mm_min_pd(_mm_fmadd_pd(riseNear, near, up0), _mm_fmadd_pd(fallNear, near, down0));
-      _mm_storel_pd(row0 + chained, sm);
-      _mm_storeh_pd(row1 + chained, sm);
-      far = near;
-      near = sm;
-    }
+    chain.Run(chained, k, rise, fall, row0, row1);
+    chained = k;
   }
   for (int lane = 0; lane < 2; ++lane) {
     SpreadTermsScalar(count - k, re[lane] + k, im[lane] + k, scale, rows[lane] + k, t, lane, rise + 2 * k,
                       fall + 2 * k);
   }
-  for (; chained < count; ++chained) {
-    const __m128d up0 = _mm_fmadd_pd(riseFar, far, _mm_loadu_pd(rise + 2 * chained));
-    const __m128d down0 = _mm_fmadd_pd(fallFar, far, _mm_loadu_pd(fall + 2 * chained));
-    const __m128d sm = kLarger ? _mm_max_pd(_mm_fmadd_pd(riseNear, near, up0), _mm_fmadd_pd(fallNear, near, down0))
-                               : _mm_min_pd(_mm_fmadd_pd(riseNear, near, up0), _mm_fmadd_pd(fallNear, near, down0));
-    _mm_storel_pd(row0 + chained, sm);
-    _mm_storeh_pd(row1 + chained, sm);
-    far = near;
-    near = sm;
-  }
+  chain.Run(chained, count, rise, fall, row0, row1);
 }
 
 template <bool kMeasure>
