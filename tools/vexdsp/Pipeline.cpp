@@ -100,14 +100,11 @@ namespace {
 // Three slots of 64k frames: a hand-over every 1.4 s of 48 kHz audio, and
 // room to ride out a slow write.
 constexpr std::size_t kSlots = 3;
-constexpr int kSlotFrames = 65536;
+constexpr int kSlotFrames = PlanarSlot::kFrames;
 }  // namespace
 
 BackgroundFileSource::BackgroundFileSource(FileSource& source, int numChannels)
-    : source_(source), numChannels_(std::max(numChannels, 1)), slots_(kSlots) {
-  for (Slot& slot : slots_) {
-    slot.samples.resize(static_cast<std::size_t>(kSlotFrames) * static_cast<std::size_t>(numChannels_));
-  }
+    : source_(source), numChannels_(std::max(numChannels, 1)), slots_(kSlots, PlanarSlot(numChannels_)) {
   thread_ = std::thread([this] { Run(); });
 }
 
@@ -128,10 +125,10 @@ void BackgroundFileSource::Run() {
     if (stopping_) {
       return;
     }
-    Slot& slot = slots_[(first_ + queued_) % slots_.size()];
+    PlanarSlot& slot = slots_[(first_ + queued_) % slots_.size()];
     lock.unlock();
     for (std::size_t ch = 0; ch < planar.size(); ++ch) {
-      planar[ch] = slot.samples.data() + ch * static_cast<std::size_t>(kSlotFrames);
+      planar[ch] = slot.Channel(static_cast<int>(ch));
     }
     // Fill the slot unless the source ends or fails on the way.
     int got = 0;
@@ -170,14 +167,14 @@ int BackgroundFileSource::Read(float* const* planar, int numFrames) {
   }
   std::unique_lock<std::mutex> lock(mutex_);
   changed_.wait(lock, [this] { return queued_ > 0; });
-  const Slot& slot = slots_[first_];
+  const PlanarSlot& slot = slots_[first_];
   if (slot.numFrames <= 0) {
     return slot.numFrames;  // stays queued: every later call says the same
   }
   lock.unlock();
   const int take = std::min(numFrames, slot.numFrames - position_);
   for (int ch = 0; ch < numChannels_; ++ch) {
-    const float* from = slot.samples.data() + static_cast<std::size_t>(ch) * kSlotFrames + position_;
+    const float* from = slot.Channel(ch) + position_;
     vexaccelerate::utility::Copy(static_cast<std::size_t>(take), from, planar[ch]);
   }
   position_ += take;
@@ -193,10 +190,7 @@ int BackgroundFileSource::Read(float* const* planar, int numFrames) {
 }
 
 BackgroundFileSink::BackgroundFileSink(FileSink& sink, int numChannels)
-    : sink_(sink), numChannels_(std::max(numChannels, 1)), slots_(kSlots) {
-  for (Slot& slot : slots_) {
-    slot.samples.resize(static_cast<std::size_t>(kSlotFrames) * static_cast<std::size_t>(numChannels_));
-  }
+    : sink_(sink), numChannels_(std::max(numChannels, 1)), slots_(kSlots, PlanarSlot(numChannels_)) {
   thread_ = std::thread([this] { Run(); });
 }
 
@@ -216,7 +210,7 @@ bool BackgroundFileSink::Write(const float* const* planar, int numFrames) {
     }
     const int take = std::min(numFrames - done, kSlotFrames - filling_->numFrames);
     for (int ch = 0; ch < numChannels_; ++ch) {
-      float* to = filling_->samples.data() + static_cast<std::size_t>(ch) * kSlotFrames + filling_->numFrames;
+      float* to = filling_->Channel(ch) + filling_->numFrames;
       vexaccelerate::utility::Copy(static_cast<std::size_t>(take), planar[ch] + done, to);
     }
     filling_->numFrames += take;
@@ -247,10 +241,10 @@ void BackgroundFileSink::Run() {
     if (queued_ == 0) {
       return;
     }
-    const Slot& slot = slots_[(next_ + slots_.size() - queued_) % slots_.size()];
+    PlanarSlot& slot = slots_[(next_ + slots_.size() - queued_) % slots_.size()];
     lock.unlock();
     for (std::size_t ch = 0; ch < planar.size(); ++ch) {
-      planar[ch] = slot.samples.data() + ch * static_cast<std::size_t>(kSlotFrames);
+      planar[ch] = slot.Channel(static_cast<int>(ch));
     }
     const bool ok = sink_.Write(planar.data(), slot.numFrames);
     lock.lock();

@@ -58,6 +58,18 @@ class FileSink final : public dsp::host::FrameSink {
   std::string error_;
 };
 
+/// One slot of the background reader's and writer's rings: a block of
+/// planar audio of a fixed capacity, allocated once.
+struct PlanarSlot {
+  static constexpr int kFrames = 65536;
+  explicit PlanarSlot(int numChannels)
+      : samples(static_cast<std::size_t>(kFrames) * static_cast<std::size_t>(numChannels)) {}
+  float* Channel(int ch) { return samples.data() + static_cast<std::size_t>(ch) * kFrames; }
+  const float* Channel(int ch) const { return samples.data() + static_cast<std::size_t>(ch) * kFrames; }
+  std::vector<float> samples;
+  int numFrames = 0;
+};
+
 /// Reads a FileSource ahead on a thread of its own, so that decoding and
 /// the kernel's copy from the file overlap the processing of the blocks
 /// before. The source is read in large slots of a small ring, allocated
@@ -75,15 +87,12 @@ class BackgroundFileSource final : public dsp::host::FrameSource {
   int Read(float* const* planar, int numFrames) override;
 
  private:
-  struct Slot {
-    std::vector<float> samples;  // planar: channel c at c * capacity
-    int numFrames = 0;           // 0: the source ended; -1: it failed
-  };
   void Run();
 
   FileSource& source_;
   int numChannels_;
-  std::vector<Slot> slots_;
+  // A slot's numFrames 0 means the source ended, -1 that it failed.
+  std::vector<PlanarSlot> slots_;
   std::size_t first_ = 0;  // oldest queued slot
   std::size_t queued_ = 0;
   int position_ = 0;  // frames of the oldest slot handed out
@@ -111,18 +120,14 @@ class BackgroundFileSink final : public dsp::host::FrameSink {
   void Finish();
 
  private:
-  struct Slot {
-    std::vector<float> samples;  // planar: channel c at c * capacity
-    int numFrames = 0;
-  };
   void Hand();
   void Run();
 
   FileSink& sink_;
   int numChannels_;
-  std::vector<Slot> slots_;
-  Slot* filling_ = nullptr;  // owned by the producer while not queued
-  std::size_t next_ = 0;     // slot the producer takes next
+  std::vector<PlanarSlot> slots_;
+  PlanarSlot* filling_ = nullptr;  // owned by the producer while not queued
+  std::size_t next_ = 0;           // slot the producer takes next
   std::size_t queued_ = 0;
   bool finishing_ = false;
   bool failed_ = false;
