@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
@@ -204,7 +205,9 @@ class NoisePrintFile : public ::testing::Test {
     dsp::host::MemorySource source({l.data(), r.data()}, 30000);
     std::string error;
     ASSERT_TRUE(dsp::nonoise::CaptureNoisePrintFromSource(source, 2, 44100.0, 0, 30000, 1024, &print_, &error));
-    path_ = ::testing::TempDir() + "noiseprint_test.vxnp";
+    // CTest runs each case in its own process, side by side: one file each.
+    path_ = ::testing::TempDir() + "noiseprint_" + std::to_string(::getpid()) + "_" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".vxnp";
   }
   void TearDown() override { std::remove(path_.c_str()); }
 
